@@ -1,0 +1,48 @@
+# The two commands of the README: `make demo` and `make test`. Each installs
+# what is missing (tools/bootstrap.sh), configures and builds, then runs.
+BUILD   ?= build
+JOBS    ?= $(shell nproc)
+PREFIX  ?= /usr/local
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+.PHONY: all bootstrap build demo test test-unit test-race test-asan bench install clean
+
+all: build
+
+bootstrap:
+	@tools/bootstrap.sh
+
+build: bootstrap
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	$(BUILD)/tqf_demo
+
+# Every test: the plain build, the race tests under ThreadSanitizer and the
+# whole suite under AddressSanitizer with UndefinedBehaviorSanitizer.
+test: test-unit test-race test-asan
+
+test-unit: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+test-race: bootstrap
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQF_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS) --target race_tests
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -L race
+
+test-asan: bootstrap
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQF_SANITIZE="address,undefined"
+	cmake --build build-asan -j $(JOBS)
+	ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1" \
+	  ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+
+bench: build
+	@for b in $(BUILD)/bench_*; do [ -x "$$b" ] && { echo "== $$b"; "$$b"; }; done; true
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	rm -rf $(BUILD) build-tsan build-asan
