@@ -19,11 +19,32 @@ namespace {
 std::mutex g_waitAllMutex;
 
 // The handles given out and not yet closed, for the validity test: a closed
-// handle's memory may be gone, so only membership here makes it safe to look at.
+// handle's memory may be gone, so only membership here makes it safe to look
+// at. The set exists only while handles do, so that unloading the library
+// after its last handle is closed leaves nothing behind.
 std::mutex g_liveMutex;
-std::unordered_set<const void*>& LiveHandles() {
-  static auto* live = new std::unordered_set<const void*>;
-  return *live;
+std::unordered_set<const void*>* g_live = nullptr;
+
+void AddLive(const void* object) {
+  std::lock_guard<std::mutex> guard(g_liveMutex);
+  if (!g_live) g_live = new std::unordered_set<const void*>;
+  g_live->insert(object);
+}
+
+void RemoveLive(const void* object) {
+  std::lock_guard<std::mutex> guard(g_liveMutex);
+  if (!g_live) return;
+  g_live->erase(object);
+  if (g_live->empty()) {
+    delete g_live;
+    g_live = nullptr;
+  }
+}
+
+bool IsLive(const void* object) {
+  std::lock_guard<std::mutex> guard(g_liveMutex);
+  return g_live && g_live->count(object) != 0 &&
+         fcntl(static_cast<const WaitableObject*>(object)->fd, F_GETFD) != -1;
 }
 
 WaitableObject* NewObject(WaitableKind kind, int flags, uint64_t initial) {
@@ -37,8 +58,7 @@ WaitableObject* NewObject(WaitableKind kind, int flags, uint64_t initial) {
     delete object;
     return nullptr;
   }
-  std::lock_guard<std::mutex> guard(g_liveMutex);
-  LiveHandles().insert(object);
+  AddLive(object);
   return object;
 }
 
@@ -233,10 +253,7 @@ int CloseHandle(HANDLE object) {
     return 0;
   }
   WaitableObject* o = static_cast<WaitableObject*>(object);
-  {
-    std::lock_guard<std::mutex> guard(g_liveMutex);
-    LiveHandles().erase(o);
-  }
+  RemoveLive(o);
   if (o->kind == WaitableKind::Thread) ReleaseThreadOf(o);
   DropReference(o);
   return 1;
@@ -244,9 +261,7 @@ int CloseHandle(HANDLE object) {
 
 int GetHandleInformation(HANDLE object, uint32_t* flags) {
   if (flags) *flags = 0;
-  std::lock_guard<std::mutex> guard(g_liveMutex);
-  if (LiveHandles().count(object) == 0 ||
-      fcntl(static_cast<WaitableObject*>(object)->fd, F_GETFD) == -1) {
+  if (!IsLive(object)) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
   }

@@ -1,0 +1,134 @@
+// The library as a host sees it: loaded with dlopen, reached only through its
+// exported names.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <dlfcn.h>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "TQFPlay.h"
+
+namespace {
+
+const char* const EXPORTS[] = {
+    "TQ_Initial",     "TQ_Free",         "TQ_GetDecoderInf", "TQ_OpenFile",    "TQ_CloseFile",
+    "TQ_GetFileTime", "TQ_OpenStream",   "TQ_CloseStream",   "TQ_InputData",   "TQ_ClearBuffer",
+    "TQ_GetMediaInfo", "TQ_Play",        "TQ_Stop",          "TQ_SetPlayTime", "TQ_GetPlayTime",
+    "TQ_StartRecord", "TQ_StopRecord",   "TQ_SetDebugSink",  "TQ_SetAssertHandler"};
+
+const std::string LIBRARY = std::string(TQF_BINARY_DIR) + "/libTQFPlay.so";
+
+struct Library {
+  void* handle = dlopen(LIBRARY.c_str(), RTLD_NOW | RTLD_LOCAL);
+  ~Library() {
+    if (handle) dlclose(handle);
+  }
+  template <class F>
+  F* Get(const char* name) {
+    return reinterpret_cast<F*>(dlsym(handle, name));
+  }
+};
+
+class LibraryExports : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(lib_.handle, nullptr) << dlerror();
+    for (const char* name : EXPORTS) ASSERT_NE(dlsym(lib_.handle, name), nullptr) << name;
+    lib_.Get<int32_t(TQ_DebugSink, void*)>("TQ_SetDebugSink")(
+        [](const char* line, void* c) { static_cast<std::vector<std::string>*>(c)->push_back(line); },
+        &lines_);
+  }
+  void TearDown() override {
+    lib_.Get<int32_t()>("TQ_Free")();
+    lib_.Get<int32_t(TQ_DebugSink, void*)>("TQ_SetDebugSink")(nullptr, nullptr);
+  }
+  Library lib_;
+  std::vector<std::string> lines_;
+};
+
+TEST(LibrarySymbols, ExportsTheNineteenNamesAndNothingElse) {
+  std::string command = "nm -D --defined-only " + LIBRARY;
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::set<std::string> names;
+  char line[512];
+  while (fgets(line, sizeof line, pipe)) {
+    char address[64], type[8], name[256];
+    if (sscanf(line, "%63s %7s %255s", address, type, name) == 3) names.insert(name);
+  }
+  ASSERT_EQ(pclose(pipe), 0);
+  std::set<std::string> expected(std::begin(EXPORTS), std::end(EXPORTS));
+  EXPECT_EQ(names, expected);
+}
+
+TEST_F(LibraryExports, InitialTwiceThenFreeTwiceWithTheirDebugLines) {
+  auto initial = lib_.Get<int32_t()>("TQ_Initial");
+  auto release = lib_.Get<int32_t()>("TQ_Free");
+  EXPECT_EQ(release(), 0);  // without TQ_Initial
+  EXPECT_EQ(initial(), 0);
+  EXPECT_EQ(initial(), -1);
+  EXPECT_EQ(release(), 0);
+  EXPECT_EQ(release(), 0);
+  EXPECT_EQ(initial(), 0);
+  const std::vector<std::string> expected = {"TQ_Free\n", "TQ_Initial\n", "TQ_Initial\n",
+                                             "TQ_Free\n", "TQ_Free\n",    "TQ_Initial\n"};
+  EXPECT_EQ(lines_, expected);
+}
+
+TEST_F(LibraryExports, FixedAnswersNeedNoInitialAndNoHandle) {
+  char text[256];
+  memset(text, 'x', sizeof text);
+  EXPECT_EQ(lib_.Get<int32_t(char*, uint32_t)>("TQ_GetDecoderInf")(text, 1), 0);
+  EXPECT_STREQ(text,
+               "Company=Company;BuildTime=20120313;Version=3.0;Protocol=TQ_TQF_V3.0;"
+               "Check=0,4,0x54514630;FileHeadLen=20");
+
+  static_assert(sizeof(MediaInfoRecord) == 10);
+  auto mediaInfo = lib_.Get<int32_t(int32_t, MediaInfoRecord*)>("TQ_GetMediaInfo");
+  for (int32_t handle : {0, 7, -1, 123456}) {
+    uint8_t bytes[10];
+    memset(bytes, 0xAA, sizeof bytes);
+    EXPECT_EQ(mediaInfo(handle, reinterpret_cast<MediaInfoRecord*>(bytes)), 0);
+    const uint8_t expected[10] = {0x40, 0x02, 0, 0, 25, 0, 0, 0, 0, 0};
+    EXPECT_EQ(memcmp(bytes, expected, 10), 0);
+  }
+  EXPECT_EQ(mediaInfo(3, nullptr), 0);
+  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_ClearBuffer")(99), 0);
+}
+
+TEST_F(LibraryExports, EveryHandleTakingExportAnswersMinusOneForUnknownHandles) {
+  ASSERT_EQ(lib_.Get<int32_t()>("TQ_Initial")(), 0);
+  uint32_t seconds = 77;
+  const uint8_t bytes[4] = {};
+  for (int32_t h : {0, 1, -1, 1000}) {
+    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseFile")(h), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseStream")(h), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t, uint32_t*)>("TQ_GetFileTime")(h, &seconds), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t, uint32_t*)>("TQ_GetPlayTime")(h, &seconds), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t, int32_t)>("TQ_SetPlayTime")(h, 1), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t, const uint8_t*, int32_t)>("TQ_InputData")(h, bytes, 4), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t, PictureCallback, uint32_t)>("TQ_Play")(h, nullptr, 0), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_Stop")(h), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t, const char*)>("TQ_StartRecord")(h, "/tmp/x.tqf"), -1);
+    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_StopRecord")(h), -1);
+  }
+  EXPECT_EQ(seconds, 77u);
+}
+
+TEST_F(LibraryExports, FailedOpensLeaveTheOutHandleUnwritten) {
+  ASSERT_EQ(lib_.Get<int32_t()>("TQ_Initial")(), 0);
+  auto openStream = lib_.Get<int32_t(const uint8_t*, uint32_t, int32_t*)>("TQ_OpenStream");
+  auto openFile = lib_.Get<int32_t(const char*, int32_t*)>("TQ_OpenFile");
+  int32_t handle = -77;
+  const uint8_t header[15] = {'T', 'Q', 'F', '0'};
+  EXPECT_EQ(openStream(header, 15, &handle), -1);
+  EXPECT_EQ(openStream(nullptr, 0, &handle), -1);  // header not read below 16 bytes
+  EXPECT_EQ(openFile(nullptr, &handle), -1);
+  EXPECT_EQ(openFile("/nonexistent/file.tqf", &handle), -1);
+  EXPECT_EQ(handle, -77);
+}
+
+}  // namespace
