@@ -149,13 +149,7 @@ int32_t PlayerManager::GetPlayTime(int32_t handle, uint32_t* seconds) {
 }
 
 int32_t PlayerManager::SetPlayTime(int32_t handle, int32_t seconds) {
-  tableLock.LockShared(0);
-  PlayerHolder* holder = Lookup(handle);
-  const PlayerKind* kind = holder ? PlayerKindOf(holder->kind) : nullptr;
-  bool released = false;
-  int32_t result = -1;
-  if (kind && kind->setPlayTime && seconds >= 0)
-    result = kind->setPlayTime(this, holder->player, handle, seconds, &released);
-  if (!released) tableLock.Unlock();
-  return result;
+  return WithPlayer(handle, [&](const PlayerKind* kind, PlayerCore* player) {
+    return kind->setPlayTime && seconds >= 0 ? kind->setPlayTime(player, seconds) : -1;
+  });
 }

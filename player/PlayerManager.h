@@ -37,10 +37,9 @@ struct PlayerKind {
   int32_t (*stopRecord)(PlayerCore* player);
   int32_t (*getFileTime)(PlayerCore* player, uint32_t* seconds);
   int32_t (*getPlayTime)(PlayerCore* player, uint32_t* seconds);
-  // Seeks; called with the table lock held shared, which it may release
-  // (see `released`) before it takes the player's own lock.
-  int32_t (*setPlayTime)(PlayerManager* manager, PlayerCore* player, int32_t handle,
-                         int32_t seconds, bool* released);
+  // Seeks, with the table lock held shared for the whole seek, so that a
+  // close of the player waits for it. `seconds` is not negative.
+  int32_t (*setPlayTime)(PlayerCore* player, int32_t seconds);
 };
 
 // The kinds the library offers, by PlayerKindId; null until a kind exists.
