@@ -46,13 +46,14 @@ int32_t TQFWriter::AddRecord(uint32_t type, const void* data, int32_t length) {
 }
 
 bool TQFWriter::WriteFrame(const TQFFrameHeader* header, const void* payload, uint32_t length) {
-  if (file == nullptr || header == nullptr) return false;
+  if (file == nullptr || header == nullptr || (payload == nullptr && length != 0)) return false;
   if (FramePayloadLength(header->info) != length) return false;
   framesStarted = 1;
   const uint32_t sync = TQF_FRAME_SYNC;
+  // A payload of no bytes counts as a short write, after sync and header.
   return fwrite(&sync, sizeof sync, 1, file) == 1 &&
-         fwrite(header, sizeof *header, 1, file) == 1 &&
-         payload != nullptr && fwrite(payload, length, 1, file) == 1;
+         fwrite(header, sizeof *header, 1, file) == 1 && length != 0 &&
+         fwrite(payload, length, 1, file) == 1;
 }
 
 void TQFWriter::Close() {

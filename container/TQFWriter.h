@@ -43,7 +43,8 @@ class TQFWriter {
 
   // Writes sync, `header` and `length` bytes of `payload`. False with nothing
   // written if FramePayloadLength(header->info) differs from `length`; false
-  // after a short write. A `length` of 0 writes sync and header and reports
+  // after a short write; false with nothing written for a null `payload` of
+  // non-zero `length`. A `length` of 0 writes sync and header and reports
   // false. Closes the header for further records.
   bool WriteFrame(const TQFFrameHeader* header, const void* payload, uint32_t length);
 

@@ -134,9 +134,10 @@ TEST_F(WriterTest, FramesCloseTheHeader) {
 TEST_F(WriterTest, ZeroLengthFrameWritesHeadAndReportsFalse) {
   ASSERT_TRUE(writer_.Create(path_.c_str(), 0));
   TQFFrameHeader empty{MakeFrameInfo(0, false, 0), 5};
-  uint8_t unused = 0;
-  EXPECT_FALSE(writer_.WriteFrame(&empty, &unused, 0));
+  EXPECT_FALSE(writer_.WriteFrame(&empty, nullptr, 0));
   EXPECT_EQ(writer_.framesStarted, 1);
+  TQFFrameHeader some{MakeFrameInfo(4, false, 0), 5};
+  EXPECT_FALSE(writer_.WriteFrame(&some, nullptr, 4));  // refused before any byte
   writer_.Close();
   EXPECT_EQ(Bytes().size(), 16u + 12u);
 }
