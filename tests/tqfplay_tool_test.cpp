@@ -1,0 +1,227 @@
+// Runs the built tqfplay on the committed samples and on media that the
+// ffmpeg tool makes at test time, in a temporary folder.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+
+#include "TQFReader.h"
+#include "TempFolder.h"
+
+namespace {
+
+struct RunResult {
+  int exitCode;
+  std::string out;
+  std::string err;
+};
+
+std::string Quote(const std::string& text) { return "'" + text + "'"; }
+
+// Runs `command` in a shell; stdout is returned, stderr goes through a file.
+RunResult RunShell(const TempFolder& folder, const std::string& command) {
+  std::string errPath = folder.File("stderr.txt");
+  RunResult result{-1, "", ""};
+  FILE* pipe = popen((command + " 2>" + Quote(errPath)).c_str(), "r");
+  if (pipe == nullptr) return result;
+  char chunk[4096];
+  size_t got;
+  while ((got = fread(chunk, 1, sizeof chunk, pipe)) > 0) result.out.append(chunk, got);
+  int status = pclose(pipe);
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::vector<uint8_t> err = ReadWholeFile(errPath);
+  result.err.assign(err.begin(), err.end());
+  return result;
+}
+
+const std::string TOOL = Quote(std::string(TQF_BINARY_DIR) + "/tqfplay");
+const std::string SAMPLES = std::string(TQF_SOURCE_DIR) + "/samples/";
+
+int Lines(const std::string& text) {
+  int lines = 0;
+  for (char c : text) lines += c == '\n';
+  return lines;
+}
+
+class ToolTest : public ::testing::Test {
+ protected:
+  RunResult Tool(const std::string& arguments) { return RunShell(folder_, TOOL + " " + arguments); }
+  // Makes a media file with the ffmpeg tool; false if ffmpeg is missing or fails.
+  bool Ffmpeg(const std::string& arguments) {
+    return RunShell(folder_, "ffmpeg -hide_banner -loglevel error -nostdin -y " + arguments).exitCode == 0;
+  }
+  TempFolder folder_;
+};
+
+TEST_F(ToolTest, InfoDescribesTheDemoSample) {
+  RunResult r = Tool("info --json " + Quote(SAMPLES + "demo.tqf"));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("\"width\":640,\"height\":352,\"compression\":\"H264\""), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("\"stream\":0,\"indexed\":true,\"frames\":250,"), std::string::npos);
+  EXPECT_NE(r.out.find("\"keyFrames\":[0,50,100,150,200],\"keySpacingMin\":50,\"keySpacingMax\":50"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("\"stream\":1,\"indexed\":true,\"frames\":125,"), std::string::npos);
+  EXPECT_NE(r.out.find("\"durationMs\":10000,\"skippedBytes\":0"), std::string::npos);
+
+  RunResult text = Tool(Quote(SAMPLES + "demo.tqf") + " info");
+  EXPECT_NE(text.exitCode, 0);  // the command comes first
+  text = Tool("info " + Quote(SAMPLES + "demo.tqf"));
+  ASSERT_EQ(text.exitCode, 0);
+  EXPECT_NE(text.out.find("duration: 10.000 s"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("record 1: type 100, 18 bytes"), std::string::npos) << text.out;
+}
+
+TEST_F(ToolTest, InfoDescribesTheJpegSample) {
+  RunResult r = Tool("info --json " + Quote(SAMPLES + "jpeg422.tqf"));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("\"compression\":\"JPEG\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"stream\":0,\"indexed\":true,\"frames\":49,"), std::string::npos);
+  EXPECT_NE(r.out.find("\"keySpacingMin\":1,\"keySpacingMax\":1"), std::string::npos);
+}
+
+TEST_F(ToolTest, InfoCountsDamageAndUnindexedStreams) {
+  std::vector<uint8_t> bytes = ReadWholeFile(SAMPLES + "jpeg422.tqf");
+  ASSERT_GT(bytes.size(), 2000u);
+  bytes.insert(bytes.begin() + 64, 1234, 0);  // garbage before the first frame
+  // Frame 0 becomes a frame of stream 9.
+  bytes[64 + 1234 + 4] = static_cast<uint8_t>((bytes[64 + 1234 + 4] & 0xF0) | 9);
+  std::string path = folder_.File("damaged.tqf");
+  ASSERT_TRUE(WriteWholeFile(path, bytes));
+  RunResult r = Tool("info --json " + Quote(path));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("\"skippedBytes\":1234"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"stream\":0,\"indexed\":true,\"frames\":48,"), std::string::npos);
+  EXPECT_NE(r.out.find("\"stream\":9,\"indexed\":false,\"frames\":1,"), std::string::npos);
+}
+
+TEST_F(ToolTest, ImportsMp4AndRawH264) {
+  std::string mp4 = folder_.File("in.mp4");
+  if (!Ffmpeg("-f lavfi -i testsrc2=size=320x240:rate=25:duration=1 -c:v libx264 -bf 0 -g 10 "
+              "-sc_threshold 0 -pix_fmt yuv420p " + Quote(mp4)))
+    GTEST_SKIP() << "the ffmpeg tool with libx264 is needed";
+  std::string raw = folder_.File("in.h264");
+  ASSERT_TRUE(Ffmpeg("-i " + Quote(mp4) + " -c copy -bsf:v h264_mp4toannexb " + Quote(raw)));
+
+  for (const std::string& input : {mp4, raw}) {
+    std::string out = folder_.File("out.tqf");
+    RunResult r = Tool("import " + Quote(input) + " " + Quote(out));
+    ASSERT_EQ(r.exitCode, 0) << input << ": " << r.err;
+    EXPECT_NE(r.out.find("25 video frames (3 key frames)"), std::string::npos) << r.out;
+
+    TQFReader reader;
+    ASSERT_TRUE(reader.Open(out.c_str())) << input;
+    ASSERT_EQ(reader.index[0].count, 24u);
+    uint8_t record[64];
+    uint32_t type = 0;
+    int32_t length = sizeof record;
+    ASSERT_TRUE(reader.GetRecord(0, &type, record, &length));
+    EXPECT_EQ(type, FOURCC_H264);
+    EXPECT_EQ(length, 40);
+    MediaDescriptor descriptor;
+    std::memcpy(&descriptor, record, sizeof descriptor);
+    EXPECT_EQ(descriptor.width, 320);
+    EXPECT_EQ(descriptor.height, 240);
+    EXPECT_EQ(descriptor.compression, FOURCC_H264);
+    for (int32_t frame : {0, 10, 20}) EXPECT_TRUE(reader.IsKeyFrame(0, frame)) << frame;
+    EXPECT_FALSE(reader.IsKeyFrame(0, 1));
+    // Annex B: every payload begins with a start code; stamps count 40 ms.
+    std::vector<uint8_t> payload(1 << 20);
+    for (int32_t frame = 0; frame < 24; ++frame) {
+      TQFFrameHeader header;
+      uint32_t size = static_cast<uint32_t>(payload.size());
+      ASSERT_TRUE(reader.ReadFrame(0, frame, &header, payload.data(), &size));
+      ASSERT_GE(size, 4u);
+      bool startCode = (payload[0] == 0 && payload[1] == 0 && payload[2] == 1) ||
+                       (payload[0] == 0 && payload[1] == 0 && payload[2] == 0 && payload[3] == 1);
+      EXPECT_TRUE(startCode) << input << " frame " << frame;
+      if (input == mp4) {
+        EXPECT_EQ(header.stamp, static_cast<uint32_t>(frame) * 40);
+      }
+    }
+  }
+}
+
+TEST_F(ToolTest, ImportsAudioAsG726Frames) {
+  std::string mkv = folder_.File("in.mkv");
+  if (!Ffmpeg("-f lavfi -i testsrc2=size=160x96:rate=25:duration=2 "
+              "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=2 "
+              "-c:v mjpeg -c:a pcm_s16le " + Quote(mkv)))
+    GTEST_SKIP() << "the ffmpeg tool is needed";
+  std::string out = folder_.File("out.tqf");
+  RunResult r = Tool("import --audio " + Quote(mkv) + " " + Quote(out));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  TQFReader reader;
+  ASSERT_TRUE(reader.Open(out.c_str()));
+  EXPECT_EQ(reader.index[0].count + reader.index[1].count + 1, 50u + 25u);  // 2 s: 25 of 80 ms
+  uint32_t type = 0;
+  int32_t length = 64;
+  uint8_t record[64];
+  ASSERT_TRUE(reader.GetRecord(1, &type, record, &length));
+  EXPECT_EQ(type, 100u);
+  EXPECT_EQ(length, 18);
+  ASSERT_GE(reader.index[1].count, 2u);
+  TQFFrameHeader first, second;
+  uint32_t size = 1000;
+  ASSERT_TRUE(reader.ReadFrame(1, 0, &first, nullptr, &size));
+  EXPECT_EQ(size, 320u);
+  size = 1000;
+  ASSERT_TRUE(reader.ReadFrame(1, 1, &second, nullptr, &size));
+  EXPECT_EQ(second.stamp - first.stamp, 80u);
+  length = 64;
+  ASSERT_TRUE(reader.GetRecord(0, &type, record, &length));
+  EXPECT_EQ(type, FOURCC_JPEG);
+}
+
+TEST_F(ToolTest, ImportErrorsAreOneLineAndNonZero) {
+  std::string video = folder_.File("mpeg4.mkv");
+  if (!Ffmpeg("-f lavfi -i testsrc2=size=160x96:rate=25:duration=1 -c:v mpeg4 " + Quote(video)))
+    GTEST_SKIP() << "the ffmpeg tool is needed";
+  std::string audioOnly = folder_.File("audio.wav");
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i sine=duration=1 " + Quote(audioOnly)));
+  std::string jpegOnly = folder_.File("jpeg.avi");
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc2=size=160x96:rate=25:duration=1 -c:v mjpeg " +
+                     Quote(jpegOnly)));
+  struct Case {
+    std::string arguments;
+    const char* message;
+  };
+  const Case cases[] = {
+      {Quote(video) + " " + Quote(folder_.File("a.tqf")), "unsupported video codec"},
+      {Quote(audioOnly) + " " + Quote(folder_.File("b.tqf")), "no video track"},
+      {Quote(jpegOnly) + " " + Quote(folder_.File("c.tqf")) + " --audio", "no audio track"},
+      {Quote(jpegOnly) + " " + Quote(folder_.File("missing/dir/d.tqf")), "cannot create"},
+      {Quote(folder_.File("nothing.mp4")) + " " + Quote(folder_.File("e.tqf")), "nothing.mp4"},
+  };
+  for (const Case& c : cases) {
+    RunResult r = Tool("import " + c.arguments);
+    EXPECT_NE(r.exitCode, 0) << c.arguments;
+    EXPECT_EQ(Lines(r.err), 1) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(ToolTest, HelpAndUsage) {
+  for (const char* command : {"info", "import"}) {
+    RunResult r = Tool(std::string(command) + " --help");
+    EXPECT_EQ(r.exitCode, 0) << command;
+    EXPECT_EQ(r.out.rfind(std::string("usage: tqfplay ") + command, 0), 0u) << r.out;
+  }
+  RunResult r = Tool("--help");
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.out.find("import"), std::string::npos);
+  for (const char* arguments : {"", "frobnicate", "info", "info a b", "import onlyone",
+                                "import a b c", "info --bogus x"}) {
+    r = Tool(arguments);
+    EXPECT_NE(r.exitCode, 0) << arguments;
+    EXPECT_FALSE(r.err.empty()) << arguments;
+  }
+  std::string notTqf = folder_.File("plain.txt");
+  ASSERT_TRUE(WriteWholeFile(notTqf, {'h', 'e', 'l', 'l', 'o'}));
+  r = Tool("info " + Quote(notTqf));
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(Lines(r.err), 1) << r.err;
+}
+
+}  // namespace

@@ -1,0 +1,437 @@
+// tqfplay import: reads H.264 or Motion JPEG video (and optionally the first
+// audio track) with libavformat and writes a TQF file. Video packets become
+// stream-0 frames as they are, H.264 in Annex B form (MP4-style streams pass
+// through the h264_mp4toannexb filter). Audio is decoded, resampled to 8 kHz
+// mono and encoded with libavcodec's g726le encoder at 32 kbit/s, then cut
+// into stream-1 frames of 320 bytes (80 ms).
+#include "ImportCommand.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
+}
+
+#include "TQFFormat.h"
+#include "TQFWriter.h"
+
+namespace {
+
+constexpr const char NAME[] = "import";
+
+// The audio the player's G.726 decoder takes: 32 kbit/s, 8 kHz mono, four
+// bits a sample, low nibble first (g726le), 320 bytes a frame.
+constexpr int AUDIO_SAMPLE_RATE = 8000;
+constexpr int AUDIO_BIT_RATE = 32000;
+constexpr size_t AUDIO_FRAME_BYTES = 320;
+constexpr uint32_t AUDIO_FRAME_MS = AUDIO_FRAME_BYTES * 2 * 1000 / AUDIO_SAMPLE_RATE;  // 80
+constexpr int AUDIO_ENCODER_FRAME_SAMPLES = 640;  // used when the encoder names no size
+// The audio stream's record: the G.726 decoder's key as its type, and a
+// WAVEFORMATEX (format tag, channels, rate, bytes a second, block align,
+// bits a sample, extra size) as its payload.
+constexpr uint32_t AUDIO_RECORD_TYPE = 100;
+#pragma pack(push, 1)
+struct WaveFormat {
+  uint16_t formatTag;
+  uint16_t channels;
+  uint32_t samplesPerSecond;
+  uint32_t bytesPerSecond;
+  uint16_t blockAlign;
+  uint16_t bitsPerSample;
+  uint16_t extraSize;
+};
+#pragma pack(pop)
+static_assert(sizeof(WaveFormat) == 18);
+
+std::string AvError(int code) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, text, sizeof text);
+  return text;
+}
+
+// Everything one import holds; the destructor releases what was made.
+struct ImportContext {
+  const char* inputPath = nullptr;
+  const char* outputPath = nullptr;
+  bool withAudio = false;
+
+  AVFormatContext* format = nullptr;
+  int videoStream = -1;
+  uint32_t fourcc = 0;
+  AVBSFContext* annexB = nullptr;  // null when the packets are Annex B already
+  uint32_t lastVideoStamp = 0;
+  uint32_t videoFrames = 0;
+  uint32_t keyFrames = 0;
+
+  int audioStream = -1;
+  AVCodecContext* audioDecoder = nullptr;
+  SwrContext* resampler = nullptr;
+  AVCodecContext* audioEncoder = nullptr;
+  AVAudioFifo* samples = nullptr;
+  std::vector<uint8_t> coded;  // G.726 bytes not yet cut into frames
+  bool audioStampSet = false;
+  uint32_t audioStamp = 0;  // stamp of the next audio frame
+  uint32_t audioFrames = 0;
+
+  AVPacket* packet = nullptr;
+  AVPacket* filtered = nullptr;
+  AVFrame* decoded = nullptr;
+  AVFrame* toEncode = nullptr;
+  TQFWriter writer;
+
+  ~ImportContext() {
+    av_frame_free(&toEncode);
+    av_frame_free(&decoded);
+    av_packet_free(&filtered);
+    av_packet_free(&packet);
+    if (samples != nullptr) av_audio_fifo_free(samples);
+    avcodec_free_context(&audioEncoder);
+    swr_free(&resampler);
+    avcodec_free_context(&audioDecoder);
+    av_bsf_free(&annexB);
+    avformat_close_input(&format);
+  }
+};
+
+// The packet time in milliseconds: pts, else dts; else 40 ms after `last`.
+uint32_t PacketStampMs(const AVPacket* packet, AVRational timeBase, uint32_t last, bool first) {
+  int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+  if (time == AV_NOPTS_VALUE) return first ? 0 : last + TQF_FRAME_DURATION_MS;
+  int64_t ms = av_rescale_q(time, timeBase, AVRational{1, 1000});
+  return ms < 0 ? 0 : static_cast<uint32_t>(ms);
+}
+
+bool WriteFrame(ImportContext& c, uint32_t stream, bool key, uint32_t stamp, const uint8_t* data,
+                size_t size) {
+  if (size > TQF_MAX_FRAME_PAYLOAD) {
+    CommandError(NAME, "%s: a frame of %zu bytes is larger than TQF allows (%u bytes)",
+                 c.inputPath, size, TQF_MAX_FRAME_PAYLOAD);
+    return false;
+  }
+  TQFFrameHeader header{MakeFrameInfo(static_cast<uint32_t>(size), key, stream), stamp};
+  if (!c.writer.WriteFrame(&header, data, static_cast<uint32_t>(size))) {
+    CommandError(NAME, "%s: write failed", c.outputPath);
+    return false;
+  }
+  return true;
+}
+
+// ---- video ------------------------------------------------------------------
+
+bool OpenVideo(ImportContext& c) {
+  c.videoStream = av_find_best_stream(c.format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  if (c.videoStream < 0) {
+    CommandError(NAME, "%s: no video track", c.inputPath);
+    return false;
+  }
+  const AVCodecParameters* parameters = c.format->streams[c.videoStream]->codecpar;
+  if (parameters->codec_id == AV_CODEC_ID_H264) {
+    c.fourcc = FOURCC_H264;
+  } else if (parameters->codec_id == AV_CODEC_ID_MJPEG) {
+    c.fourcc = FOURCC_JPEG;
+  } else {
+    CommandError(NAME, "%s: unsupported video codec '%s' (H.264 or Motion JPEG only)",
+                 c.inputPath, avcodec_get_name(parameters->codec_id));
+    return false;
+  }
+  // avcC extradata (its first byte is 1) marks the length-prefixed MP4 form.
+  bool lengthPrefixed = c.fourcc == FOURCC_H264 && parameters->extradata_size > 0 &&
+                        parameters->extradata[0] == 1;
+  if (!lengthPrefixed) return true;
+  const AVBitStreamFilter* filter = av_bsf_get_by_name("h264_mp4toannexb");
+  int result = filter == nullptr ? AVERROR_BSF_NOT_FOUND : av_bsf_alloc(filter, &c.annexB);
+  if (result >= 0) result = avcodec_parameters_copy(c.annexB->par_in, parameters);
+  if (result >= 0) {
+    c.annexB->time_base_in = c.format->streams[c.videoStream]->time_base;
+    result = av_bsf_init(c.annexB);
+  }
+  if (result < 0) {
+    CommandError(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
+    return false;
+  }
+  return true;
+}
+
+bool WriteVideoPacket(ImportContext& c, const AVPacket* packet) {
+  if (packet->size <= 0) return true;
+  AVRational timeBase = c.format->streams[c.videoStream]->time_base;
+  uint32_t stamp = PacketStampMs(packet, timeBase, c.lastVideoStamp, c.videoFrames == 0);
+  bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
+  if (!WriteFrame(c, TQF_STREAM_VIDEO, key, stamp, packet->data, static_cast<size_t>(packet->size)))
+    return false;
+  c.lastVideoStamp = stamp;
+  ++c.videoFrames;
+  if (key) ++c.keyFrames;
+  return true;
+}
+
+// Passes `packet` (null: the end) through the Annex B filter, if any.
+bool ImportVideo(ImportContext& c, AVPacket* packet) {
+  if (c.annexB == nullptr) return packet == nullptr || WriteVideoPacket(c, packet);
+  int result = av_bsf_send_packet(c.annexB, packet);
+  while (result >= 0) {
+    result = av_bsf_receive_packet(c.annexB, c.filtered);
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return true;
+    if (result < 0) break;
+    bool written = WriteVideoPacket(c, c.filtered);
+    av_packet_unref(c.filtered);
+    if (!written) return false;
+  }
+  CommandError(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
+  return false;
+}
+
+// ---- audio ------------------------------------------------------------------
+
+bool OpenAudio(ImportContext& c) {
+  for (unsigned i = 0; i < c.format->nb_streams && c.audioStream < 0; ++i)
+    if (c.format->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+      c.audioStream = static_cast<int>(i);
+  if (c.audioStream < 0) {
+    CommandError(NAME, "%s: --audio given, but there is no audio track", c.inputPath);
+    return false;
+  }
+  const AVCodecParameters* parameters = c.format->streams[c.audioStream]->codecpar;
+  const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+  const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_ADPCM_G726LE);
+  if (decoder == nullptr || encoder == nullptr) {
+    CommandError(NAME, "no %s", decoder == nullptr ? "decoder for the audio track" : "g726le encoder");
+    return false;
+  }
+  c.audioDecoder = avcodec_alloc_context3(decoder);
+  c.audioEncoder = avcodec_alloc_context3(encoder);
+  if (c.audioDecoder == nullptr || c.audioEncoder == nullptr) return false;
+  int result = avcodec_parameters_to_context(c.audioDecoder, parameters);
+  if (result >= 0) result = avcodec_open2(c.audioDecoder, decoder, nullptr);
+  if (result >= 0) {
+    c.audioEncoder->sample_rate = AUDIO_SAMPLE_RATE;
+    c.audioEncoder->sample_fmt = AV_SAMPLE_FMT_S16;
+    c.audioEncoder->bit_rate = AUDIO_BIT_RATE;
+    c.audioEncoder->time_base = AVRational{1, AUDIO_SAMPLE_RATE};
+    av_channel_layout_default(&c.audioEncoder->ch_layout, 1);
+    result = avcodec_open2(c.audioEncoder, encoder, nullptr);
+  }
+  if (result >= 0)
+    result = swr_alloc_set_opts2(&c.resampler, &c.audioEncoder->ch_layout, AV_SAMPLE_FMT_S16,
+                                 AUDIO_SAMPLE_RATE, &c.audioDecoder->ch_layout,
+                                 c.audioDecoder->sample_fmt, c.audioDecoder->sample_rate, 0, nullptr);
+  if (result >= 0) result = swr_init(c.resampler);
+  if (result < 0) {
+    CommandError(NAME, "audio: %s", AvError(result).c_str());
+    return false;
+  }
+  c.samples = av_audio_fifo_alloc(AV_SAMPLE_FMT_S16, 1, AUDIO_SAMPLE_RATE);
+  return c.samples != nullptr;
+}
+
+// Cuts the coded bytes into 320-byte frames; what is left waits for more.
+bool WriteAudioFrames(ImportContext& c) {
+  size_t used = 0;
+  for (; c.coded.size() - used >= AUDIO_FRAME_BYTES; used += AUDIO_FRAME_BYTES) {
+    if (!WriteFrame(c, TQF_STREAM_AUDIO, true, c.audioStamp, c.coded.data() + used,
+                    AUDIO_FRAME_BYTES))
+      return false;
+    c.audioStamp += AUDIO_FRAME_MS;
+    ++c.audioFrames;
+  }
+  c.coded.erase(c.coded.begin(), c.coded.begin() + static_cast<std::ptrdiff_t>(used));
+  return true;
+}
+
+// Sends `frame` (null: the end) to the encoder and collects its output.
+bool Encode(ImportContext& c, AVFrame* frame) {
+  int result = avcodec_send_frame(c.audioEncoder, frame);
+  while (result >= 0) {
+    result = avcodec_receive_packet(c.audioEncoder, c.filtered);
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return WriteAudioFrames(c);
+    if (result < 0) break;
+    c.coded.insert(c.coded.end(), c.filtered->data, c.filtered->data + c.filtered->size);
+    av_packet_unref(c.filtered);
+  }
+  CommandError(NAME, "g726le: %s", AvError(result).c_str());
+  return false;
+}
+
+// Encodes whole encoder frames from the sample queue; at the end also the rest.
+bool EncodeQueued(ImportContext& c, bool atEnd) {
+  int frameSamples = c.audioEncoder->frame_size > 0 ? c.audioEncoder->frame_size
+                                                    : AUDIO_ENCODER_FRAME_SAMPLES;
+  while (av_audio_fifo_size(c.samples) >= frameSamples ||
+         (atEnd && av_audio_fifo_size(c.samples) > 0)) {
+    int count = std::min(frameSamples, av_audio_fifo_size(c.samples));
+    av_frame_unref(c.toEncode);
+    c.toEncode->nb_samples = count;
+    c.toEncode->format = AV_SAMPLE_FMT_S16;
+    c.toEncode->sample_rate = AUDIO_SAMPLE_RATE;
+    if (av_channel_layout_copy(&c.toEncode->ch_layout, &c.audioEncoder->ch_layout) < 0 ||
+        av_frame_get_buffer(c.toEncode, 0) < 0 ||
+        av_audio_fifo_read(c.samples, reinterpret_cast<void**>(c.toEncode->data), count) != count)
+      return CommandError(NAME, "audio: out of memory") == 0;
+    if (!Encode(c, c.toEncode)) return false;
+  }
+  return !atEnd || Encode(c, nullptr);
+}
+
+// Resamples `frame` (null: drains the resampler) into the sample queue.
+bool QueueSamples(ImportContext& c, const AVFrame* frame) {
+  int inputCount = frame != nullptr ? frame->nb_samples : 0;
+  int room = swr_get_out_samples(c.resampler, inputCount);
+  if (room < 0 || av_audio_fifo_realloc(c.samples, av_audio_fifo_size(c.samples) + room) < 0)
+    return CommandError(NAME, "audio: resampling failed") == 0;
+  std::vector<int16_t> out(static_cast<size_t>(room) + 1);
+  uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(out.data())};
+  int made = swr_convert(c.resampler, outPlanes, room,
+                         frame != nullptr ? const_cast<const uint8_t**>(frame->extended_data) : nullptr,
+                         inputCount);
+  if (made < 0) return CommandError(NAME, "audio: resampling failed") == 0;
+  return av_audio_fifo_write(c.samples, reinterpret_cast<void**>(outPlanes), made) == made;
+}
+
+// Decodes `packet` (null: the end) and passes the samples on.
+bool ImportAudio(ImportContext& c, const AVPacket* packet) {
+  if (!c.audioStampSet && packet != nullptr) {
+    c.audioStamp = PacketStampMs(packet, c.format->streams[c.audioStream]->time_base, 0, true);
+    c.audioStampSet = true;
+  }
+  int result = avcodec_send_packet(c.audioDecoder, packet);
+  if (result < 0 && result != AVERROR_EOF) return true;  // a damaged packet costs itself
+  for (;;) {
+    result = avcodec_receive_frame(c.audioDecoder, c.decoded);
+    if (result == AVERROR(EAGAIN)) return EncodeQueued(c, false);
+    if (result == AVERROR_EOF) break;
+    if (result < 0) return CommandError(NAME, "audio: %s", AvError(result).c_str()) == 0;
+    bool queued = QueueSamples(c, c.decoded);
+    av_frame_unref(c.decoded);
+    if (!queued) return false;
+  }
+  return QueueSamples(c, nullptr) && EncodeQueued(c, true);
+}
+
+// ---- the import -------------------------------------------------------------
+
+bool OpenInput(ImportContext& c) {
+  int result = avformat_open_input(&c.format, c.inputPath, nullptr, nullptr);
+  if (result >= 0) result = avformat_find_stream_info(c.format, nullptr);
+  if (result < 0) {
+    CommandError(NAME, "%s: %s", c.inputPath, AvError(result).c_str());
+    return false;
+  }
+  c.packet = av_packet_alloc();
+  c.filtered = av_packet_alloc();
+  c.decoded = av_frame_alloc();
+  c.toEncode = av_frame_alloc();
+  if (c.packet == nullptr || c.filtered == nullptr || c.decoded == nullptr || c.toEncode == nullptr)
+    return CommandError(NAME, "out of memory") == 0;
+  return OpenVideo(c) && (!c.withAudio || OpenAudio(c));
+}
+
+bool CreateOutput(ImportContext& c) {
+  if (!c.writer.Create(c.outputPath, 0)) {
+    CommandError(NAME, "%s: cannot create: %s", c.outputPath, std::strerror(errno));
+    return false;
+  }
+  const AVCodecParameters* video = c.format->streams[c.videoStream]->codecpar;
+  MediaDescriptor descriptor{};
+  descriptor.structureSize = sizeof descriptor;
+  descriptor.width = video->width;
+  descriptor.height = video->height;
+  descriptor.planes = 1;
+  descriptor.bitsPerPixel = 12;  // the player's pictures: planar 4:2:0
+  descriptor.compression = c.fourcc;
+  descriptor.imageSize = static_cast<uint32_t>(video->width * video->height * 3 / 2);
+  if (!IsPlayablePictureSize(video->width, video->height))
+    std::fprintf(stderr, "tqfplay import: warning: %dx%d is a picture size players refuse "
+                 "(width a multiple of 16, even height)\n", video->width, video->height);
+  bool added = c.writer.AddRecord(c.fourcc, &descriptor, sizeof descriptor) == 0;
+  if (added && c.withAudio) {
+    const WaveFormat wave{static_cast<uint16_t>(AUDIO_RECORD_TYPE), 1, AUDIO_SAMPLE_RATE,
+                          AUDIO_BIT_RATE / 8, 1, 4, 0};
+    added = c.writer.AddRecord(AUDIO_RECORD_TYPE, &wave, sizeof wave) == 1;
+  }
+  if (!added) CommandError(NAME, "%s: write failed", c.outputPath);
+  return added;
+}
+
+bool CopyPackets(ImportContext& c) {
+  int result;
+  while ((result = av_read_frame(c.format, c.packet)) >= 0) {
+    bool ok = true;
+    if (c.packet->stream_index == c.videoStream)
+      ok = ImportVideo(c, c.packet);
+    else if (c.packet->stream_index == c.audioStream)
+      ok = ImportAudio(c, c.packet);
+    av_packet_unref(c.packet);
+    if (!ok) return false;
+  }
+  if (result != AVERROR_EOF) {
+    CommandError(NAME, "%s: %s", c.inputPath, AvError(result).c_str());
+    return false;
+  }
+  return ImportVideo(c, nullptr) && (c.audioStream < 0 || ImportAudio(c, nullptr));
+}
+
+bool CloseOutput(ImportContext& c) {
+  bool flushed = fflush(c.writer.file) == 0 && ferror(c.writer.file) == 0;
+  c.writer.Close();
+  if (!flushed) CommandError(NAME, "%s: write failed", c.outputPath);
+  return flushed;
+}
+
+int RunImport(int argc, char** argv) {
+  ImportContext c;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--audio") == 0) {
+      c.withAudio = true;
+    } else if (argv[i][0] == '-' && argv[i][1] != '\0') {
+      c.inputPath = nullptr;  // an unknown option
+      break;
+    } else if (c.inputPath == nullptr) {
+      c.inputPath = argv[i];
+    } else if (c.outputPath == nullptr) {
+      c.outputPath = argv[i];
+    } else {
+      c.outputPath = nullptr;
+      break;
+    }
+  }
+  if (c.inputPath == nullptr || c.outputPath == nullptr) {
+    std::fprintf(stderr, "usage: tqfplay import INPUT OUTPUT.tqf [--audio]\n");
+    return EXIT_USAGE;
+  }
+  av_log_set_level(AV_LOG_ERROR);
+  if (!OpenInput(c) || !CreateOutput(c)) return 1;
+  if (!CopyPackets(c) || !CloseOutput(c)) return 1;
+  if (c.videoFrames == 0) return CommandError(NAME, "%s: no video packets", c.inputPath);
+  std::printf("%s: %u video frames (%u key frames), %u audio frames\n", c.outputPath,
+              c.videoFrames, c.keyFrames, c.audioFrames);
+  return 0;
+}
+
+}  // namespace
+
+const Command IMPORT_COMMAND = {
+    "import",
+    "write the H.264 or Motion JPEG video of a media file as TQF",
+    "usage: tqfplay import INPUT OUTPUT.tqf [--audio]\n"
+    "\n"
+    "Reads INPUT (raw H.264, MP4, MKV, AVI, ... with H.264 or Motion JPEG video)\n"
+    "and writes OUTPUT.tqf: a 40-byte video record (FourCC \"H264\" or \"JPEG\") and\n"
+    "one stream-0 frame per video packet, H.264 in Annex B form, the key flag from\n"
+    "the packet, the stamp from the packet time in milliseconds.\n"
+    "\n"
+    "  --audio  also encode the first audio track as G.726 at 32 kbit/s, 8 kHz\n"
+    "           mono: stream-1 frames of 320 bytes (80 ms), after a second record\n"
+    "           (type 100, an 18-byte WAVEFORMATEX)\n",
+    RunImport,
+};

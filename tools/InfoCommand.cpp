@@ -1,0 +1,266 @@
+// tqfplay info: the header, the records and the frames of a TQF file. Frame
+// counts are those of the player's index; the one scan of the reader also
+// tells what the index leaves out (streams 2 to 15, the bytes skipped as
+// damage, the unindexed tail).
+#include "InfoCommand.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "TQFFormat.h"
+#include "TQFReader.h"
+
+namespace {
+
+constexpr const char NAME[] = "info";
+constexpr uint32_t STREAM_COUNT = 16;
+constexpr size_t KEY_POSITIONS_SHOWN = 16;  // in the text form; JSON lists all
+
+struct RecordInfo {
+  uint32_t type;
+  int32_t length;
+  bool hasPicture;  // a FourCC record long enough for a MediaDescriptor
+  MediaDescriptor descriptor;
+};
+
+struct StreamInfo {
+  uint32_t frames = 0;
+  std::vector<uint32_t> keyFrames;  // frame numbers within the stream
+  uint64_t payloadBytes = 0;
+};
+
+struct FileInfo {
+  const char* path;
+  uint32_t fileSize;
+  TQFFileHeader header;
+  std::vector<RecordInfo> records;
+  StreamInfo streams[STREAM_COUNT];
+  FrameScanSummary scan;
+  uint64_t indexedEnd;  // end of the last frame the scan kept
+};
+
+bool CountFrame(const ScannedFrame& frame, void* context) {
+  auto* info = static_cast<FileInfo*>(context);
+  StreamInfo& stream = info->streams[FrameStreamNumber(frame.entry.info)];
+  if (IsKeyFrameInfo(frame.entry.info)) stream.keyFrames.push_back(stream.frames);
+  ++stream.frames;
+  uint32_t length = FramePayloadLength(frame.entry.info);
+  stream.payloadBytes += length;
+  info->indexedEnd = uint64_t{frame.entry.payloadOffset} + length;
+  return true;
+}
+
+// The records by the reader's GetRecord: first the length, then the payload.
+bool ReadRecords(TQFReader& reader, FileInfo& info) {
+  for (uint32_t i = 0; i < info.header.recordCount; ++i) {
+    RecordInfo record{};
+    record.length = INT32_MAX;
+    if (!reader.GetRecord(static_cast<int32_t>(i), &record.type, nullptr, &record.length))
+      return false;
+    std::vector<uint8_t> payload(static_cast<size_t>(record.length));
+    if (!reader.GetRecord(static_cast<int32_t>(i), &record.type, payload.data(), &record.length))
+      return false;
+    record.hasPicture = IsFourCCRecordType(record.type) &&
+                        payload.size() >= sizeof(MediaDescriptor);
+    if (record.hasPicture) std::memcpy(&record.descriptor, payload.data(), sizeof record.descriptor);
+    info.records.push_back(record);
+  }
+  return true;
+}
+
+// A FourCC as its four characters when they are printable, else as hex.
+std::string FourCCText(uint32_t value) {
+  char text[16];
+  bool printable = true;
+  for (int i = 0; i < 4; ++i) {
+    text[i] = static_cast<char>(value >> (8 * i));
+    printable = printable && std::isprint(static_cast<unsigned char>(text[i])) && text[i] != '"' &&
+                text[i] != '\\';
+  }
+  if (printable) return std::string(text, 4);
+  std::snprintf(text, sizeof text, "0x%08" PRIX32, value);
+  return text;
+}
+
+std::string JsonString(const char* text) {
+  std::string out = "\"";
+  for (const char* p = text; *p != '\0'; ++p) {
+    unsigned char c = static_cast<unsigned char>(*p);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += *p;
+    } else if (c < 0x20) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += *p;
+    }
+  }
+  return out + "\"";
+}
+
+// Smallest and largest distance between successive key frames; 0 if fewer
+// than two.
+void KeySpacing(const std::vector<uint32_t>& keys, uint32_t* smallest, uint32_t* largest) {
+  *smallest = 0;
+  *largest = 0;
+  for (size_t i = 1; i < keys.size(); ++i) {
+    uint32_t gap = keys[i] - keys[i - 1];
+    if (i == 1 || gap < *smallest) *smallest = gap;
+    if (gap > *largest) *largest = gap;
+  }
+}
+
+uint64_t DurationMs(const FileInfo& info) {
+  return uint64_t{info.streams[TQF_STREAM_VIDEO].frames} * TQF_FRAME_DURATION_MS;
+}
+
+uint64_t TailBytes(const FileInfo& info) {
+  uint64_t end = info.indexedEnd != 0 ? info.indexedEnd : info.scan.recordsEnd;
+  return info.fileSize > end ? info.fileSize - end : 0;
+}
+
+void PrintText(const FileInfo& info) {
+  const TQFFileHeader& h = info.header;
+  std::printf("file %s: %" PRIu32 " bytes\n", info.path, info.fileSize);
+  std::printf("header: magic \"%s\", headerLength %" PRIu32 ", %" PRIu32
+              " records, frames from offset %" PRIu32 "\n",
+              FourCCText(h.magic).c_str(), h.headerLength, h.recordCount, info.scan.recordsEnd);
+  for (size_t i = 0; i < info.records.size(); ++i) {
+    const RecordInfo& r = info.records[i];
+    std::printf("record %zu: type %s, %" PRId32 " bytes", i,
+                IsFourCCRecordType(r.type) ? ("\"" + FourCCText(r.type) + "\"").c_str()
+                                           : std::to_string(r.type).c_str(),
+                r.length);
+    if (r.hasPicture)
+      std::printf(", %" PRId32 "x%" PRId32 ", compression \"%s\"%s", r.descriptor.width,
+                  r.descriptor.height, FourCCText(r.descriptor.compression).c_str(),
+                  IsPlayablePictureSize(r.descriptor.width, r.descriptor.height)
+                      ? ""
+                      : " (a size players refuse)");
+    std::printf("\n");
+  }
+  for (uint32_t s = 0; s < STREAM_COUNT; ++s) {
+    const StreamInfo& stream = info.streams[s];
+    if (stream.frames == 0 && s > TQF_STREAM_AUDIO) continue;
+    const char* kind = s == TQF_STREAM_VIDEO ? "video" : s == TQF_STREAM_AUDIO ? "audio" : "not indexed";
+    std::printf("stream %" PRIu32 " (%s): %" PRIu32 " frames, %" PRIu64 " payload bytes, %zu key frames",
+                s, kind, stream.frames, stream.payloadBytes, stream.keyFrames.size());
+    uint32_t smallest, largest;
+    KeySpacing(stream.keyFrames, &smallest, &largest);
+    if (stream.keyFrames.size() >= 2)
+      std::printf(", spacing %" PRIu32 " to %" PRIu32 " frames", smallest, largest);
+    if (!stream.keyFrames.empty()) {
+      std::printf(", at");
+      for (size_t k = 0; k < stream.keyFrames.size() && k < KEY_POSITIONS_SHOWN; ++k)
+        std::printf(" %" PRIu32, stream.keyFrames[k]);
+      if (stream.keyFrames.size() > KEY_POSITIONS_SHOWN) std::printf(" ...");
+    }
+    std::printf("\n");
+  }
+  uint64_t ms = DurationMs(info);
+  std::printf("duration: %" PRIu64 ".%03" PRIu64 " s (%" PRIu32 " video frames of 40 ms)\n",
+              ms / 1000, ms % 1000, info.streams[TQF_STREAM_VIDEO].frames);
+  std::printf("damage: %" PRIu64 " bytes skipped between frames\n", info.scan.skippedBytes);
+  std::printf("tail: %" PRIu64 " bytes after the last indexed frame (the last frame is never indexed)\n",
+              TailBytes(info));
+}
+
+void PrintJson(const FileInfo& info) {
+  const TQFFileHeader& h = info.header;
+  std::printf("{\"file\":%s,\"size\":%" PRIu32 ",", JsonString(info.path).c_str(), info.fileSize);
+  std::printf("\"header\":{\"magic\":%s,\"headerLength\":%" PRIu32 ",\"recordCount\":%" PRIu32
+              ",\"framesOffset\":%" PRIu32 "},",
+              JsonString(FourCCText(h.magic).c_str()).c_str(), h.headerLength, h.recordCount,
+              info.scan.recordsEnd);
+  std::printf("\"records\":[");
+  for (size_t i = 0; i < info.records.size(); ++i) {
+    const RecordInfo& r = info.records[i];
+    std::printf("%s{\"type\":%" PRIu32 ",\"fourcc\":%s,\"length\":%" PRId32, i ? "," : "", r.type,
+                IsFourCCRecordType(r.type) ? JsonString(FourCCText(r.type).c_str()).c_str() : "null",
+                r.length);
+    if (r.hasPicture)
+      std::printf(",\"width\":%" PRId32 ",\"height\":%" PRId32 ",\"compression\":%s",
+                  r.descriptor.width, r.descriptor.height,
+                  JsonString(FourCCText(r.descriptor.compression).c_str()).c_str());
+    std::printf("}");
+  }
+  std::printf("],\"streams\":[");
+  bool first = true;
+  for (uint32_t s = 0; s < STREAM_COUNT; ++s) {
+    const StreamInfo& stream = info.streams[s];
+    if (stream.frames == 0 && s > TQF_STREAM_AUDIO) continue;
+    uint32_t smallest, largest;
+    KeySpacing(stream.keyFrames, &smallest, &largest);
+    std::printf("%s{\"stream\":%" PRIu32 ",\"indexed\":%s,\"frames\":%" PRIu32
+                ",\"payloadBytes\":%" PRIu64 ",\"keyFrames\":[",
+                first ? "" : ",", s, s <= TQF_STREAM_AUDIO ? "true" : "false", stream.frames,
+                stream.payloadBytes);
+    for (size_t k = 0; k < stream.keyFrames.size(); ++k)
+      std::printf("%s%" PRIu32, k ? "," : "", stream.keyFrames[k]);
+    std::printf("],\"keySpacingMin\":%" PRIu32 ",\"keySpacingMax\":%" PRIu32 "}", smallest, largest);
+    first = false;
+  }
+  std::printf("],\"durationMs\":%" PRIu64 ",\"skippedBytes\":%" PRIu64 ",\"tailBytes\":%" PRIu64 "}\n",
+              DurationMs(info), info.scan.skippedBytes, TailBytes(info));
+}
+
+int RunInfo(int argc, char** argv) {
+  const char* path = nullptr;
+  bool json = false;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--json") == 0) {
+      json = true;
+    } else if (argv[i][0] == '-' || path != nullptr) {
+      std::fprintf(stderr, "usage: tqfplay info FILE [--json]\n");
+      return EXIT_USAGE;
+    } else {
+      path = argv[i];
+    }
+  }
+  if (path == nullptr) {
+    std::fprintf(stderr, "usage: tqfplay info FILE [--json]\n");
+    return EXIT_USAGE;
+  }
+  if (access(path, R_OK) != 0) return CommandError(NAME, "%s: %s", path, std::strerror(errno));
+  TQFReader reader;
+  if (!reader.Open(path))
+    return CommandError(NAME, "%s: not a TQF file the player opens (empty, 4 GiB or more, "
+                        "0 or more than 16 records, or records past its end)", path);
+  FileInfo info{};
+  info.path = path;
+  info.fileSize = reader.fileSize;
+  std::memcpy(&info.header, reader.view, sizeof info.header);
+  if (!ReadRecords(reader, info)) return CommandError(NAME, "%s: unreadable records", path);
+  TQFReader::ScanFrames(static_cast<const uint8_t*>(reader.view), reader.fileSize, CountFrame,
+                        &info, &info.scan);
+  if (json)
+    PrintJson(info);
+  else
+    PrintText(info);
+  return 0;
+}
+
+}  // namespace
+
+const Command INFO_COMMAND = {
+    "info",
+    "show the header, records, frames and damage of a TQF file",
+    "usage: tqfplay info FILE [--json]\n"
+    "\n"
+    "Shows the header and records of a TQF file (types, FourCC, picture size),\n"
+    "the frames of each stream as the player indexes them, the key frames (by\n"
+    "their number in the stream) and their spacing, the duration at 40 ms a\n"
+    "video frame, and the bytes skipped as damage.\n"
+    "\n"
+    "  --json   print one JSON object instead of text\n",
+    RunInfo,
+};

@@ -1,0 +1,61 @@
+// tqfplay: tools for TQF media, one subcommand per entry of the table below.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "Command.h"
+#include "ImportCommand.h"
+#include "InfoCommand.h"
+
+namespace {
+
+const Command* const COMMANDS[] = {
+    &INFO_COMMAND,
+    &IMPORT_COMMAND,
+};
+
+bool IsHelpOption(const char* argument) {
+  return std::strcmp(argument, "--help") == 0 || std::strcmp(argument, "-h") == 0;
+}
+
+void PrintToolHelp(FILE* out) {
+  std::fprintf(out, "usage: tqfplay COMMAND [ARGS...]\n\ncommands:\n");
+  for (const Command* command : COMMANDS)
+    std::fprintf(out, "  %-8s %s\n", command->name, command->summary);
+  std::fprintf(out, "\n'tqfplay COMMAND --help' describes a command.\n");
+}
+
+}  // namespace
+
+int CommandError(const char* command, const char* format, ...) {
+  std::fprintf(stderr, "tqfplay %s: ", command);
+  va_list arguments;
+  va_start(arguments, format);
+  std::vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  std::fputc('\n', stderr);
+  return 1;
+}
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    PrintToolHelp(stderr);
+    return EXIT_USAGE;
+  }
+  if (IsHelpOption(argv[1])) {
+    PrintToolHelp(stdout);
+    return 0;
+  }
+  for (const Command* command : COMMANDS) {
+    if (std::strcmp(argv[1], command->name) != 0) continue;
+    for (int i = 2; i < argc; ++i) {
+      if (IsHelpOption(argv[i])) {
+        std::fputs(command->usage, stdout);
+        return 0;
+      }
+    }
+    return command->run(argc - 2, argv + 2);
+  }
+  std::fprintf(stderr, "tqfplay: unknown command '%s' (try 'tqfplay --help')\n", argv[1]);
+  return EXIT_USAGE;
+}
