@@ -139,3 +139,18 @@ inline uint32_t LoadU32(const uint8_t* bytes) {
   std::memcpy(&value, bytes, sizeof value);
   return value;
 }
+
+// The offset of the first sync word lying wholly inside [position, end), or
+// `end` if there is none. A match needs its first byte 0x55, so the search
+// runs on memchr.
+inline uint64_t FindFrameSync(const uint8_t* data, uint64_t position, uint64_t end) {
+  constexpr uint8_t SYNC_FIRST_BYTE = TQF_FRAME_SYNC & 0xFF;
+  while (position < end && end - position >= 4) {
+    const void* hit = std::memchr(data + position, SYNC_FIRST_BYTE, end - position - 3);
+    if (hit == nullptr) break;
+    position = static_cast<uint64_t>(static_cast<const uint8_t*>(hit) - data);
+    if (LoadU32(data + position) == TQF_FRAME_SYNC) return position;
+    ++position;
+  }
+  return end;
+}

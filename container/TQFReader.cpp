@@ -53,20 +53,6 @@ void FrameIndex::Clear() {
 
 namespace {
 
-// The first sync word wholly inside [position, end), or `end` if none. A
-// match needs its first byte 0x55, so the search runs on memchr.
-uint64_t FindSync(const uint8_t* data, uint64_t position, uint64_t end) {
-  constexpr uint8_t SYNC_FIRST_BYTE = TQF_FRAME_SYNC & 0xFF;
-  while (end - position >= 4) {
-    const void* hit = std::memchr(data + position, SYNC_FIRST_BYTE, end - position - 3);
-    if (hit == nullptr) break;
-    position = static_cast<uint64_t>(static_cast<const uint8_t*>(hit) - data);
-    if (LoadU32(data + position) == TQF_FRAME_SYNC) return position;
-    ++position;
-  }
-  return end;
-}
-
 // The offset just past the records, or 0 if the count or the lengths do not
 // fit the file.
 uint64_t RecordsEnd(const uint8_t* data, uint64_t size) {
@@ -93,7 +79,7 @@ bool TQFReader::ScanFrames(const uint8_t* data, uint32_t size, FrameVisitor visi
   // 2 GiB on the size is negative and no position lies below it.
   const uint64_t end = static_cast<int32_t>(size) < 0 ? 0 : size;
   while (position < end) {
-    uint64_t sync = FindSync(data, position, end);
+    uint64_t sync = FindFrameSync(data, position, end);
     if (summary != nullptr) summary->skippedBytes += (sync < end ? sync : end) - position;
     if (sync >= end) break;
     position = sync + 4;

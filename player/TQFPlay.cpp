@@ -9,12 +9,9 @@
 #include "Diagnostics.h"
 #include "PerformanceSite.h"
 #include "PlayerManager.h"
+#include "TQFFormat.h"
 
 namespace {
-
-constexpr char DECODER_INFORMATION[] =
-    "Company=Company;BuildTime=20120313;Version=3.0;Protocol=TQ_TQF_V3.0;Check=0,4,0x54514630;"
-    "FileHeadLen=20";
 
 // The manager lives in static storage, built by TQ_Initial and torn down by
 // TQ_Free, so that each TQ_Initial gives a fresh one. `initialised` is a plain
@@ -55,7 +52,7 @@ TQ_API int32_t TQ_Free(void) {
 }
 
 TQ_API int32_t TQ_GetDecoderInf(char* buffer, uint32_t) {
-  memcpy(buffer, DECODER_INFORMATION, sizeof DECODER_INFORMATION);
+  memcpy(buffer, TQF_DECODER_INFO, sizeof TQF_DECODER_INFO);
   return 0;
 }
 
