@@ -5,7 +5,7 @@ JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all bootstrap build demo test test-unit test-race test-asan bench install clean
+.PHONY: all bootstrap build demo view test test-unit test-race test-asan bench install clean
 
 all: build
 
@@ -16,8 +16,13 @@ build: bootstrap
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The whole library at work on the bundled sample; everything lands in out/.
 demo: build
-	$(BUILD)/tqf_demo
+	tools/demo.sh $(BUILD) out
+
+# The viewer on the sample (needs a display).
+view: build
+	$(BUILD)/tqfplay view samples/demo.tqf
 
 # Every test: the plain build, the race tests under ThreadSanitizer and the
 # whole suite under AddressSanitizer with UndefinedBehaviorSanitizer.

@@ -1,58 +1,14 @@
 // Runs the built tqfplay on the committed samples and on media that the
 // ffmpeg tool makes at test time, in a temporary folder.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <string>
 
 #include "TQFReader.h"
 #include "TempFolder.h"
+#include "ToolRunner.h"
 
 namespace {
-
-struct RunResult {
-  int exitCode;
-  std::string out;
-  std::string err;
-};
-
-std::string Quote(const std::string& text) { return "'" + text + "'"; }
-
-// Runs `command` in a shell; stdout is returned, stderr goes through a file.
-RunResult RunShell(const TempFolder& folder, const std::string& command) {
-  std::string errPath = folder.File("stderr.txt");
-  RunResult result{-1, "", ""};
-  FILE* pipe = popen((command + " 2>" + Quote(errPath)).c_str(), "r");
-  if (pipe == nullptr) return result;
-  char chunk[4096];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof chunk, pipe)) > 0) result.out.append(chunk, got);
-  int status = pclose(pipe);
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  std::vector<uint8_t> err = ReadWholeFile(errPath);
-  result.err.assign(err.begin(), err.end());
-  return result;
-}
-
-const std::string TOOL = Quote(std::string(TQF_BINARY_DIR) + "/tqfplay");
-const std::string SAMPLES = std::string(TQF_SOURCE_DIR) + "/samples/";
-
-int Lines(const std::string& text) {
-  int lines = 0;
-  for (char c : text) lines += c == '\n';
-  return lines;
-}
-
-class ToolTest : public ::testing::Test {
- protected:
-  RunResult Tool(const std::string& arguments) { return RunShell(folder_, TOOL + " " + arguments); }
-  // Makes a media file with the ffmpeg tool; false if ffmpeg is missing or fails.
-  bool Ffmpeg(const std::string& arguments) {
-    return RunShell(folder_, "ffmpeg -hide_banner -loglevel error -nostdin -y " + arguments).exitCode == 0;
-  }
-  TempFolder folder_;
-};
 
 TEST_F(ToolTest, InfoDescribesTheDemoSample) {
   RunResult r = Tool("info --json " + Quote(SAMPLES + "demo.tqf"));

@@ -23,6 +23,7 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+#include "AvError.h"
 #include "TQFFormat.h"
 #include "TQFWriter.h"
 
@@ -54,11 +55,6 @@ struct WaveFormat {
 #pragma pack(pop)
 static_assert(sizeof(WaveFormat) == 18);
 
-std::string AvError(int code) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, text, sizeof text);
-  return text;
-}
 
 // Everything one import holds; the destructor releases what was made.
 struct ImportContext {

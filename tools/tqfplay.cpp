@@ -6,12 +6,18 @@
 #include "Command.h"
 #include "ImportCommand.h"
 #include "InfoCommand.h"
+#include "PlayCommand.h"
+#include "StreamCommand.h"
+#include "ViewCommand.h"
 
 namespace {
 
 const Command* const COMMANDS[] = {
     &INFO_COMMAND,
     &IMPORT_COMMAND,
+    &PLAY_COMMAND,
+    &STREAM_COMMAND,
+    &VIEW_COMMAND,
 };
 
 bool IsHelpOption(const char* argument) {

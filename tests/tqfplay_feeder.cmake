@@ -1,0 +1,3 @@
+# The feeder's pacing, tested on its own.
+target_sources(tqfplay_feeder_test PRIVATE ${CMAKE_SOURCE_DIR}/tools/StreamFeeder.cpp)
+target_include_directories(tqfplay_feeder_test PRIVATE ${CMAKE_SOURCE_DIR}/tools)

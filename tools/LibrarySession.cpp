@@ -1,0 +1,73 @@
+#include "LibrarySession.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// The line a file player writes when it has played its last frame.
+constexpr const char END_OF_FILE_LINE[] = "PostMessage(): wnd=0, msg=0";
+// The user value of the session's pictures ("TQ" and a version byte): a
+// picture with any other value does not come from a TQ_Play of ours.
+constexpr uint32_t SESSION_USER = 0x54510001;
+
+struct SessionSlot {
+  PictureHandler handler = nullptr;
+  void* context = nullptr;
+  std::atomic<bool> fileEnded{false};
+  bool forwardDebug = false;
+};
+
+SessionSlot g_slot;
+volatile std::sig_atomic_t g_interrupted = 0;
+
+int32_t DeliverPicture(int32_t, uint8_t* picture, int32_t size, int32_t width, int32_t height,
+                       uint32_t stamp, int32_t, int32_t, uint32_t user) {
+  if (user == SESSION_USER && g_slot.handler != nullptr && picture != nullptr)
+    g_slot.handler(g_slot.context, Picture{picture, size, width, height, stamp});
+  return 0;
+}
+
+void ReceiveDebugLine(const char* line, void*) {
+  if (std::strncmp(line, END_OF_FILE_LINE, sizeof END_OF_FILE_LINE - 1) == 0)
+    g_slot.fileEnded.store(true);
+  if (g_slot.forwardDebug) std::fputs(line, stderr);
+}
+
+void NoteInterrupt(int) { g_interrupted = 1; }
+
+}  // namespace
+
+LibrarySession::LibrarySession(PictureHandler handler, void* context) {
+  g_slot.handler = handler;
+  g_slot.context = context;
+  g_slot.fileEnded.store(false);
+  const char* debug = std::getenv("TQF_DEBUG");
+  g_slot.forwardDebug = debug != nullptr && *debug != '\0';
+  TQ_SetDebugSink(ReceiveDebugLine, nullptr);
+  TQ_Initial();
+  std::signal(SIGINT, NoteInterrupt);
+  std::signal(SIGTERM, NoteInterrupt);
+}
+
+LibrarySession::~LibrarySession() {
+  TQ_Free();
+  TQ_SetDebugSink(nullptr, nullptr);
+  std::signal(SIGINT, SIG_DFL);
+  std::signal(SIGTERM, SIG_DFL);
+  g_slot.handler = nullptr;
+  g_slot.context = nullptr;
+}
+
+int32_t LibrarySession::Play(int32_t handle) const {
+  return TQ_Play(handle, DeliverPicture, SESSION_USER);
+}
+
+bool LibrarySession::FileEnded() const { return g_slot.fileEnded.load(); }
+
+void LibrarySession::ClearEnd() { g_slot.fileEnded.store(false); }
+
+bool LibrarySession::Interrupted() { return g_interrupted != 0; }

@@ -1,0 +1,47 @@
+// LibrarySession: the library as one run of a subcommand uses it, and the
+// pattern for any host of it.
+//
+//   - TQ_Initial on construction and TQ_Free on destruction.
+//   - A debug sink that spots the end of a file: a file player writes the
+//     line "PostMessage(): wnd=0, msg=0" when it has played its last frame
+//     and rewound. Other lines go to stderr when TQF_DEBUG is set, as they
+//     would without a sink.
+//   - The routing of pictures. A picture callback gets a 32-bit user value,
+//     too narrow for a pointer, so the session keeps the run's handler in a
+//     file-scope slot and gives out the user value that selects it.
+//   - Ctrl-C and SIGTERM set a flag the run polls, so that it can close its
+//     player and its outputs before it exits.
+// One session exists at a time; its handler runs on the library's thread.
+#pragma once
+
+#include <cstdint>
+
+#include "TQFPlay.h"
+
+// A picture as the callback delivers it; `data` is valid during the call only.
+struct Picture {
+  const uint8_t* data;
+  int32_t size;
+  int32_t width;
+  int32_t height;
+  uint32_t stamp;
+};
+
+typedef void (*PictureHandler)(void* context, const Picture& picture);
+
+class LibrarySession {
+ public:
+  LibrarySession(PictureHandler handler, void* context);
+  ~LibrarySession();
+  LibrarySession(const LibrarySession&) = delete;
+  LibrarySession& operator=(const LibrarySession&) = delete;
+
+  // TQ_Play with the session's callback and user value.
+  int32_t Play(int32_t handle) const;
+
+  // Whether a file player has reported its end since the last ClearEnd.
+  bool FileEnded() const;
+  void ClearEnd();
+  // Whether the user asked the run to stop (Ctrl-C, SIGTERM).
+  static bool Interrupted();
+};

@@ -1,0 +1,84 @@
+#include "Options.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "Command.h"
+
+namespace {
+
+// A whole decimal number from `minimum` to INT32_MAX, and nothing else.
+bool ParseWholeNumber(const char* text, uint32_t minimum, uint32_t* value) {
+  if (*text < '0' || *text > '9') return false;
+  char* end = nullptr;
+  errno = 0;
+  unsigned long long number = std::strtoull(text, &end, 10);
+  if (errno != 0 || *end != '\0' || number < minimum || number > INT32_MAX) return false;
+  *value = static_cast<uint32_t>(number);
+  return true;
+}
+
+const OptionSpec* FindSpec(const OptionSpec* specs, size_t count, const char* name) {
+  for (size_t i = 0; i < count; ++i)
+    if (std::strcmp(specs[i].name, name) == 0) return &specs[i];
+  return nullptr;
+}
+
+// Stores the value of `spec` from `text`; false if it does not parse.
+bool StoreValue(const OptionSpec& spec, const char* text) {
+  switch (spec.kind) {
+    case OptionKind::FLAG:
+      *static_cast<bool*>(spec.value) = true;
+      return true;
+    case OptionKind::TEXT:
+      *static_cast<const char**>(spec.value) = text;
+      return *text != '\0';
+    case OptionKind::COUNT:
+      return ParseWholeNumber(text, 1, static_cast<uint32_t*>(spec.value));
+    case OptionKind::NUMBER:
+      return ParseWholeNumber(text, 0, static_cast<uint32_t*>(spec.value));
+  }
+  return false;
+}
+
+}  // namespace
+
+bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* specs,
+                  size_t specCount, const char** positional, int minPositional,
+                  int maxPositional) {
+  int positionals = 0;
+  for (int i = 0; i < argc; ++i) {
+    const char* argument = argv[i];
+    if (argument[0] != '-' || argument[1] == '\0') {
+      if (positionals == maxPositional) {
+        CommandError(command, "unexpected argument '%s' (see --help)", argument);
+        return false;
+      }
+      positional[positionals++] = argument;
+      continue;
+    }
+    const OptionSpec* spec = FindSpec(specs, specCount, argument);
+    if (spec == nullptr) {
+      CommandError(command, "unknown option '%s' (see --help)", argument);
+      return false;
+    }
+    const char* text = nullptr;
+    if (spec->kind != OptionKind::FLAG) {
+      if (i + 1 == argc) {
+        CommandError(command, "%s needs a value", argument);
+        return false;
+      }
+      text = argv[++i];
+    }
+    if (!StoreValue(*spec, text)) {
+      CommandError(command, "bad value '%s' for %s", text, argument);
+      return false;
+    }
+  }
+  if (positionals < minPositional) {
+    CommandError(command, "missing arguments (see --help)");
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,59 @@
+// PictureSink: where the pictures of play and stream go. On the library's
+// thread it counts each picture, appends it to a Y4M file, writes every N-th
+// as a PNG still and, when asked, holds delivery to 25 pictures a second (in
+// the callback, the one place a host can pace the library). The run's own
+// thread waits on the count and reads the first failure.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "FramePacer.h"
+#include "LibrarySession.h"
+#include "Y4MWriter.h"
+
+struct PictureSinkOptions {
+  const char* y4mPath = nullptr;    // no Y4M when null
+  const char* pngFolder = nullptr;  // no stills when null
+  uint32_t pngEvery = 25;           // a still of pictures 0, N, 2N, ...
+  bool realtime = false;            // pace delivery at 25 pictures a second
+};
+
+class PictureSink {
+ public:
+  // Creates the Y4M file and the PNG folder now, so that an unwritable
+  // output fails before anything plays. False with a message.
+  bool Open(const PictureSinkOptions& options, std::string* error);
+
+  // The LibrarySession handler; `context` is the PictureSink.
+  static void Handle(void* context, const Picture& picture);
+
+  uint32_t Pictures() const { return pictures_.load(); }
+  // Waits until at least `count` pictures have arrived, or for `timeout`
+  // after the last picture (or the call) if none comes. True if they did.
+  bool WaitForPictures(uint32_t count, std::chrono::milliseconds timeout);
+  // Time since the last picture, or since Open when there was none.
+  std::chrono::milliseconds SinceLastPicture() const;
+  // Whether writing an output failed; the message is for Close.
+  bool Failed() const { return failed_.load(); }
+  // Closes the outputs. False with the first failure's message.
+  bool Close(std::string* error);
+
+ private:
+  void Deliver(const Picture& picture);
+  void Fail(const std::string& message);
+
+  PictureSinkOptions options_;
+  Y4MWriter y4m_;
+  FramePacer pacer_;
+  std::atomic<uint32_t> pictures_{0};
+  std::atomic<int64_t> lastPictureNs_{0};  // steady clock
+  std::atomic<bool> failed_{false};
+  std::mutex mutex_;  // guards error_ and pairs with arrived_
+  std::condition_variable arrived_;
+  std::string error_;
+};

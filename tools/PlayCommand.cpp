@@ -1,0 +1,117 @@
+// tqfplay play: TQ_OpenFile, TQ_SetPlayTime, TQ_Play, then wait for the
+// library's end-of-file line while the pictures go to the PictureSink.
+#include "PlayCommand.h"
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "LibrarySession.h"
+#include "Options.h"
+#include "PictureSink.h"
+#include "ProgressMeter.h"
+#include "TQFFormat.h"
+
+namespace {
+
+constexpr const char NAME[] = "play";
+constexpr uint32_t DEFAULT_TIMEOUT_SECONDS = 10;
+constexpr std::chrono::milliseconds POLL_INTERVAL{20};
+
+struct PlayOptions {
+  const char* path = nullptr;
+  PictureSinkOptions sink;
+  uint32_t start = 0;
+  uint32_t timeout = DEFAULT_TIMEOUT_SECONDS;
+};
+
+bool ParsePlayOptions(int argc, char** argv, PlayOptions* o) {
+  const OptionSpec specs[] = {
+      {"--y4m", OptionKind::TEXT, &o->sink.y4mPath},
+      {"--png", OptionKind::TEXT, &o->sink.pngFolder},
+      {"--every", OptionKind::COUNT, &o->sink.pngEvery},
+      {"--start", OptionKind::NUMBER, &o->start},
+      {"--realtime", OptionKind::FLAG, &o->sink.realtime},
+      {"--timeout", OptionKind::COUNT, &o->timeout},
+  };
+  return ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1);
+}
+
+// Why the wait for the end stopped.
+enum class PlayEnd { END_OF_FILE, NO_PICTURES, OUTPUT_FAILED, INTERRUPTED };
+
+PlayEnd WaitForEnd(const LibrarySession& session, const PictureSink& sink, const PlayOptions& o,
+                   uint32_t length, ProgressMeter& progress) {
+  const std::chrono::seconds timeout(o.timeout);
+  for (;;) {
+    if (session.FileEnded()) return PlayEnd::END_OF_FILE;
+    if (sink.Failed()) return PlayEnd::OUTPUT_FAILED;
+    if (LibrarySession::Interrupted()) return PlayEnd::INTERRUPTED;
+    if (sink.SinceLastPicture() > timeout) return PlayEnd::NO_PICTURES;
+    progress.Show(o.start + sink.Pictures() * (TQF_FRAME_DURATION_MS / 1000.0), length);
+    std::this_thread::sleep_for(POLL_INTERVAL);
+  }
+}
+
+int RunPlay(int argc, char** argv) {
+  PlayOptions o;
+  if (!ParsePlayOptions(argc, argv, &o)) return EXIT_USAGE;
+  PictureSink sink;
+  std::string error;
+  if (!sink.Open(o.sink, &error)) return CommandError(NAME, "%s", error.c_str());
+
+  LibrarySession session(PictureSink::Handle, &sink);
+  int32_t handle = -1;
+  if (TQ_OpenFile(o.path, &handle) != 0)
+    return CommandError(NAME, "cannot play %s: missing, unreadable or not a TQF file", o.path);
+  uint32_t length = 0;
+  TQ_GetFileTime(handle, &length);
+  if (o.start > 0 && TQ_SetPlayTime(handle, static_cast<int32_t>(o.start)) != 0) {
+    TQ_CloseFile(handle);
+    return CommandError(NAME, "cannot seek to %u s", o.start);
+  }
+  ProgressMeter progress;
+  session.Play(handle);
+  PlayEnd end = WaitForEnd(session, sink, o, length, progress);
+  TQ_CloseFile(handle);  // no picture arrives after this
+  progress.Clear();
+
+  bool outputsClosed = sink.Close(&error);
+  if (!outputsClosed) return CommandError(NAME, "%s", error.c_str());
+  switch (end) {
+    case PlayEnd::INTERRUPTED:
+      progress.PrintSummary(NAME, sink.Pictures());
+      return CommandError(NAME, "interrupted");
+    case PlayEnd::NO_PICTURES:
+      return CommandError(NAME, "no picture for %u s: %s has no playable key frame here", o.timeout,
+                          o.path);
+    case PlayEnd::OUTPUT_FAILED:  // Close reported it
+    case PlayEnd::END_OF_FILE:
+      break;
+  }
+  progress.PrintSummary(NAME, sink.Pictures());
+  if (sink.Pictures() == 0)
+    return CommandError(NAME, "%s played to its end without a picture", o.path);
+  return 0;
+}
+
+}  // namespace
+
+extern const Command PLAY_COMMAND = {
+    NAME, "play a file through the library: Y4M, PNG stills, progress",
+    "usage: tqfplay play FILE [--y4m OUT.y4m] [--png DIR [--every N]] [--start SECONDS]\n"
+    "                         [--realtime] [--timeout SECONDS]\n"
+    "\n"
+    "Plays a TQF file with TQ_OpenFile and TQ_Play, as fast as the library decodes.\n"
+    "\n"
+    "  --y4m OUT        write every picture to a YUV4MPEG2 video (ffplay, mpv play it)\n"
+    "  --png DIR        write PNG stills to DIR (made if missing), named by picture number\n"
+    "  --every N        a still every N pictures (default 25: one a second)\n"
+    "  --start SECONDS  seek with TQ_SetPlayTime before playing\n"
+    "  --realtime       deliver 25 pictures a second, paced in the picture callback\n"
+    "  --timeout SECS   give up when no picture comes for this long (default 10);\n"
+    "                   a file without key frames plays nothing and never ends\n"
+    "\n"
+    "A progress bar shows on a terminal; the last line sums up the run.\n",
+    RunPlay,
+};

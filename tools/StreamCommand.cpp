@@ -1,0 +1,201 @@
+// tqfplay stream: TQ_OpenStream on the file's header block, TQ_Play, then
+// TQ_InputData chunk by chunk as the StreamFeeder paces it, with a recording
+// by TQ_StartRecord / TQ_StopRecord on the side.
+#include "StreamCommand.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "LibrarySession.h"
+#include "Options.h"
+#include "PictureSink.h"
+#include "ProgressMeter.h"
+#include "StreamFeeder.h"
+#include "TQFFormat.h"
+
+namespace {
+
+constexpr const char NAME[] = "stream";
+constexpr uint32_t DEFAULT_TIMEOUT_SECONDS = 10;
+
+struct StreamOptions {
+  const char* path = nullptr;
+  FeedOptions feed;
+  bool chunkGiven = false;
+  const char* recordPath = nullptr;
+  uint32_t recordAfter = 0;
+  PictureSinkOptions sink;
+  uint32_t timeout = DEFAULT_TIMEOUT_SECONDS;
+};
+
+bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
+  uint32_t chunk = 0;
+  const OptionSpec specs[] = {
+      {"--chunk", OptionKind::COUNT, &chunk},
+      {"--random-chunks", OptionKind::FLAG, &o->feed.randomChunks},
+      {"--seed", OptionKind::NUMBER, &o->feed.seed},
+      {"--record", OptionKind::TEXT, &o->recordPath},
+      {"--record-after", OptionKind::NUMBER, &o->recordAfter},
+      {"--y4m", OptionKind::TEXT, &o->sink.y4mPath},
+      {"--png", OptionKind::TEXT, &o->sink.pngFolder},
+      {"--every", OptionKind::COUNT, &o->sink.pngEvery},
+      {"--realtime", OptionKind::FLAG, &o->feed.realtime},
+      {"--timeout", OptionKind::COUNT, &o->timeout},
+  };
+  if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1)) return false;
+  if (chunk != 0 && o->feed.randomChunks) {
+    CommandError(NAME, "--chunk and --random-chunks exclude each other");
+    return false;
+  }
+  if (chunk > StreamFeeder::MAX_CHUNK_BYTES) {
+    CommandError(NAME, "--chunk is at most %u bytes", StreamFeeder::MAX_CHUNK_BYTES);
+    return false;
+  }
+  if (chunk != 0) o->feed.chunkBytes = chunk;
+  return true;
+}
+
+// The recording's path must take a file before the stream starts: the
+// library reports nothing when it cannot create it.
+bool CheckRecordPath(const char* path, std::string* error) {
+  FILE* file = std::fopen(path, "wb");
+  if (file == nullptr) {
+    *error = std::string("cannot write ") + path + ": " + std::strerror(errno);
+    return false;
+  }
+  std::fclose(file);
+  return true;
+}
+
+// One run: the player, its feeding and its recording.
+class StreamRun {
+ public:
+  StreamRun(const StreamOptions& o, StreamFeeder& feeder, PictureSink& sink)
+      : o_(o), feeder_(feeder), sink_(sink) {}
+
+  // Feeds the whole file and waits for its pictures. 0, or a failure's exit code.
+  int Feed(int32_t handle, ProgressMeter& progress) {
+    const std::chrono::seconds timeout(o_.timeout);
+    feeder_.RestartClock();
+    while (!feeder_.Done()) {
+      StreamFeeder::Chunk chunk = feeder_.NextChunk(o_.feed);
+      if (o_.feed.realtime) {
+        std::this_thread::sleep_until(chunk.due);
+      } else if (chunk.picturesNeeded > missing_ &&
+                 !sink_.WaitForPictures(chunk.picturesNeeded - missing_, timeout)) {
+        if (sink_.Pictures() == 0)
+          return CommandError(NAME, "no picture for %u s: the stream's video does not decode",
+                              o_.timeout);
+        missing_ = chunk.picturesNeeded - sink_.Pictures();  // frames the decoder kept
+      }
+      if (LibrarySession::Interrupted()) return CommandError(NAME, "interrupted");
+      if (sink_.Failed()) return 1;  // Close tells why
+      StartRecordWhenDue(handle);
+      if (TQ_InputData(handle, chunk.data, static_cast<int32_t>(chunk.size)) != 0)
+        return CommandError(NAME, "TQ_InputData refused %u bytes", chunk.size);
+      feeder_.Advance(chunk);
+      progress.Show(feeder_.FramesFed() * (TQF_FRAME_DURATION_MS / 1000.0), feeder_.Length());
+    }
+    // The last frames are queued; wait until they are shown.
+    uint32_t expected = feeder_.DeliverableFed();
+    if (expected > missing_) sink_.WaitForPictures(expected - missing_, timeout);
+    return 0;
+  }
+
+  void StopRecord(int32_t handle) {
+    if (recording_) TQ_StopRecord(handle);
+  }
+
+ private:
+  void StartRecordWhenDue(int32_t handle) {
+    if (o_.recordPath == nullptr || recording_ ||
+        feeder_.FramesFed() < o_.recordAfter * TQF_FRAMES_PER_SECOND)
+      return;
+    TQ_StartRecord(handle, o_.recordPath);
+    recording_ = true;
+  }
+
+  const StreamOptions& o_;
+  StreamFeeder& feeder_;
+  PictureSink& sink_;
+  uint32_t missing_ = 0;  // deliverable frames that the decoder gave no picture for
+  bool recording_ = false;
+};
+
+// The size of the recording, or a failure's message.
+bool CheckRecording(const char* path, std::string* error) {
+  struct stat info;
+  if (stat(path, &info) != 0 || info.st_size <= static_cast<off_t>(TQF_FILE_HEADER_SIZE)) {
+    *error = std::string("the recording ") + path + " holds no frame (no key frame after its start?)";
+    return false;
+  }
+  std::printf("%s: recorded %lld bytes to %s\n", NAME, static_cast<long long>(info.st_size), path);
+  return true;
+}
+
+int RunStream(int argc, char** argv) {
+  StreamOptions o;
+  if (!ParseStreamOptions(argc, argv, &o)) return EXIT_USAGE;
+  StreamFeeder feeder;
+  PictureSink sink;
+  std::string error;
+  if (!feeder.Open(o.path, &error) || !sink.Open(o.sink, &error) ||
+      (o.recordPath != nullptr && !CheckRecordPath(o.recordPath, &error)))
+    return CommandError(NAME, "%s", error.c_str());
+
+  LibrarySession session(PictureSink::Handle, &sink);
+  int32_t handle = -1;
+  if (TQ_OpenStream(feeder.Header(), feeder.HeaderSize(), &handle) != 0)
+    return CommandError(NAME, "the library refused the stream header of %s", o.path);
+  ProgressMeter progress;
+  session.Play(handle);
+  StreamRun run(o, feeder, sink);
+  int result = run.Feed(handle, progress);
+  run.StopRecord(handle);
+  TQ_CloseStream(handle);
+  progress.Clear();
+
+  if (!sink.Close(&error)) return CommandError(NAME, "%s", error.c_str());
+  if (result != 0) return result;
+  progress.PrintSummary(NAME, sink.Pictures());
+  if (sink.Pictures() < feeder.DeliverableFed())
+    std::fprintf(stderr, "tqfplay %s: %u of %u video frames gave no picture\n", NAME,
+                 feeder.DeliverableFed() - sink.Pictures(), feeder.DeliverableFed());
+  if (o.recordPath != nullptr && !CheckRecording(o.recordPath, &error))
+    return CommandError(NAME, "%s", error.c_str());
+  if (sink.Pictures() == 0) return CommandError(NAME, "%s gave no picture", o.path);
+  return 0;
+}
+
+}  // namespace
+
+extern const Command STREAM_COMMAND = {
+    NAME, "feed a file as a live stream, optionally recording it",
+    "usage: tqfplay stream FILE [--chunk BYTES | --random-chunks [--seed N]]\n"
+    "                           [--record OUT.tqf [--record-after SECONDS]]\n"
+    "                           [--y4m OUT.y4m] [--png DIR [--every N]] [--realtime]\n"
+    "\n"
+    "Feeds a TQF file to the library as a live source: its header block to\n"
+    "TQ_OpenStream, the rest to TQ_InputData in chunks cut anywhere.\n"
+    "\n"
+    "  --chunk BYTES     feed chunks of this size (default 4096, at most 4194304)\n"
+    "  --random-chunks   feed chunks of random sizes from 1 to 65536 bytes, as a\n"
+    "                    network delivers them; the frame parser must reassemble\n"
+    "  --seed N          seed of the random sizes (default 0), to repeat a run\n"
+    "  --record OUT      record the stream's video with TQ_StartRecord to a new TQF\n"
+    "                    file; the recording begins at a key frame\n"
+    "  --record-after S  start recording after S seconds of video\n"
+    "  --y4m, --png, --every   as for play\n"
+    "  --realtime        feed at 25 video frames a second, as a camera would; without\n"
+    "                    it the feed waits for the pictures (the library has no\n"
+    "                    back-pressure and drops the oldest frames when its queue is\n"
+    "                    full), so no frame is lost\n"
+    "  --timeout SECS    give up when no picture comes for this long (default 10)\n",
+    RunStream,
+};

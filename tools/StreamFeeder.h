@@ -1,0 +1,84 @@
+// StreamFeeder: a TQF file fed to the library as a live source, the way a
+// network client would: the header block to TQ_OpenStream, then the rest of
+// the file to TQ_InputData in chunks cut anywhere.
+//
+// A live stream has no back-pressure: when a player's queue is full the
+// oldest frames give way. The feeder knows the TQF layout, so it knows how
+// many video frames each chunk completes, and it paces itself on that count:
+//   - paced by pictures (the default): before a chunk it waits until the
+//     player has delivered all but WINDOW_FRAMES of the video frames fed so
+//     far, so the queue never fills and no frame is lost;
+//   - real time: a chunk goes out when its first completed video frame is
+//     due, 40 ms after the one before, as from a camera.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "TQFReader.h"
+
+struct FeedOptions {
+  uint32_t chunkBytes = 4096;  // fixed chunk size...
+  bool randomChunks = false;   // ...or sizes from 1 to 65536 bytes, at random
+  uint32_t seed = 0;           // of the random sizes
+  bool realtime = false;
+};
+
+class StreamFeeder {
+ public:
+  // The largest chunk a user may ask for: far below the 32 MiB video queue.
+  static constexpr uint32_t MAX_CHUNK_BYTES = 4 << 20;
+  static constexpr uint32_t RANDOM_CHUNK_MAX = 65536;
+  // Video frames the feeder lets the player fall behind by.
+  static constexpr uint32_t WINDOW_FRAMES = 25;
+
+  // Maps `path` and finds its header block and video frames. False with a
+  // message for a file that is missing or not TQF.
+  bool Open(const char* path, std::string* error);
+
+  const uint8_t* Header() const { return bytes_; }
+  uint32_t HeaderSize() const { return headerSize_; }
+  // Video frames the player can deliver: those from the first key frame on
+  // whose payload does not end in eight zero bytes (the player skips those).
+  uint32_t DeliverableFrames() const { return deliverable_.empty() ? 0 : deliverable_.back(); }
+  // Seconds of video in the file, 40 ms a frame.
+  double Length() const { return frameEnds_.size() * 0.04; }
+
+  bool Done() const { return offset_ >= size_; }
+  // Video frames complete in the bytes fed so far.
+  uint32_t FramesFed() const { return framesFed_; }
+  // Deliverable frames among them.
+  uint32_t DeliverableFed() const { return framesFed_ == 0 ? 0 : deliverable_[framesFed_ - 1]; }
+
+  // The next chunk: where it starts, how long it is, and the pictures that
+  // must have arrived before it may go (paced by pictures), or the moment it
+  // is due (real time).
+  struct Chunk {
+    const uint8_t* data;
+    uint32_t size;
+    uint32_t picturesNeeded;
+    std::chrono::steady_clock::time_point due;
+  };
+  Chunk NextChunk(const FeedOptions& options);
+  // Marks the chunk NextChunk gave as fed.
+  void Advance(const Chunk& chunk);
+  // Starts the real-time schedule again from now (after a pause).
+  void RestartClock();
+
+ private:
+  TQFReader reader_;
+  const uint8_t* bytes_ = nullptr;
+  uint32_t size_ = 0;
+  uint32_t headerSize_ = 0;
+  uint32_t offset_ = 0;
+  std::vector<uint32_t> frameEnds_;    // file offsets just past each video frame
+  std::vector<uint32_t> deliverable_;  // deliverable frames up to and with each
+  uint32_t framesFed_ = 0;
+  std::mt19937 random_;
+  bool seeded_ = false;
+  std::chrono::steady_clock::time_point clockStart_;
+  uint32_t clockFrame_ = 0;  // the frame the schedule started at
+};
