@@ -17,6 +17,14 @@ std::basic_string<C> S(const char* text) {
   return out;
 }
 
+// A text, a pattern (or list), flags and the expected result.
+struct TextCase {
+  const char* text;
+  const char* pattern;
+  uint32_t flags;
+  int32_t expected;
+};
+
 template <class C>
 class StringToolkitTest : public ::testing::Test {};
 using CharTypes = ::testing::Types<char, char16_t>;
@@ -24,12 +32,7 @@ TYPED_TEST_SUITE(StringToolkitTest, CharTypes);
 
 TYPED_TEST(StringToolkitTest, MatchingString) {
   using C = TypeParam;
-  struct Case {
-    const char* text;
-    const char* pattern;
-    uint32_t flags;
-    int32_t expected;
-  } cases[] = {
+  const TextCase cases[] = {
       {"a.txt", "*.TXT", STR_IGNORE_CASE, 1},
       {"a.txt", "*.TXT", 0, 0},
       {"ab", "a?", 0, 1},
@@ -53,7 +56,7 @@ TYPED_TEST(StringToolkitTest, MatchingString) {
       {"anything", "**", 0, 1},
       {"ab", "abc*", 0, 0},
   };
-  for (const Case& c : cases) {
+  for (const TextCase& c : cases) {
     EXPECT_EQ(MatchingString(S<C>(c.text).c_str(), S<C>(c.pattern).c_str(), c.flags, -1, nullptr,
                              nullptr),
               c.expected)
@@ -92,12 +95,7 @@ TYPED_TEST(StringToolkitTest, MatchingStringSpans) {
 
 TYPED_TEST(StringToolkitTest, FindingString) {
   using C = TypeParam;
-  struct Case {
-    const char* text;
-    const char* pattern;
-    uint32_t flags;
-    int32_t expected;
-  } cases[] = {
+  const TextCase cases[] = {
       {"concat cat", "cat", STR_WHOLE_WORD, 7},
       {"concat", "cat", STR_WHOLE_WORD, -1},
       {"concat", "cat", 0, 3},
@@ -115,7 +113,7 @@ TYPED_TEST(StringToolkitTest, FindingString) {
       {"aabaabaaa", "aabaaa", 0, 3},
       {"c:/dir", "\\dir", STR_ANY_SLASH, 2},
   };
-  for (const Case& c : cases) {
+  for (const TextCase& c : cases) {
     EXPECT_EQ(FindingString(S<C>(c.text).c_str(), S<C>(c.pattern).c_str(), -1, -1, c.flags, nullptr,
                             nullptr),
               c.expected)
@@ -178,12 +176,7 @@ TYPED_TEST(StringToolkitTest, MultiMatching) {
 TYPED_TEST(StringToolkitTest, MultiMatchingFileName) {
   using C = TypeParam;
   const char* hosts = "vb6.exe;vb7.exe;vb8.exe;iexplore.exe;pythonw.exe";
-  struct Case {
-    const char* text;
-    const char* list;
-    uint32_t flags;
-    int32_t expected;
-  } cases[] = {
+  const TextCase cases[] = {
       {"pythonw.EXE", hosts, 0, 1},
       {"IExplore.exe", hosts, STR_FROM_END, 1},
       {"python.exe", hosts, 0, 0},
@@ -197,10 +190,10 @@ TYPED_TEST(StringToolkitTest, MultiMatchingFileName) {
       {"readme.txt", "*.doc;*.TXT", 0, 1},
       {"", "", 0, 1},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(MultiMatchingFileName(S<C>(c.text).c_str(), S<C>(c.list).c_str(), 0, c.flags, -1),
+  for (const TextCase& c : cases) {
+    EXPECT_EQ(MultiMatchingFileName(S<C>(c.text).c_str(), S<C>(c.pattern).c_str(), 0, c.flags, -1),
               c.expected)
-        << c.text << " in " << c.list;
+        << c.text << " in " << c.pattern;
   }
 }
 

@@ -50,6 +50,17 @@ TEST_F(WaitHandleSetTest, HelpersStartedBySize) {
   }
 }
 
+TEST_F(WaitHandleSetTest, DestructionEndsEveryHelper) {
+  const int baseline = CountProcEntries("task");
+  {
+    WaitHandleSet set;
+    EventRow events(200, 0);
+    EXPECT_EQ(WaitAny(set, events.data(), 200, 0, 1).result, 1);
+    EXPECT_EQ(CountProcEntries("task"), baseline + 3);
+  }
+  EXPECT_EQ(CountProcEntries("task"), baseline);  // joined, not left behind
+}
+
 TEST_F(WaitHandleSetTest, RefusesBadArgumentsWithoutStartingHelpers) {
   EventRow events(4033, 1);
   ASSERT_TRUE(events.AllMade());
