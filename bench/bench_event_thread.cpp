@@ -11,6 +11,8 @@
 
 #include "EventThreadEx.h"
 #include "OSMsgQ.h"
+#include "PerformanceSite.h"
+#include "RecursiveLock.h"
 #include "SameSizeMemPool.h"
 #include "WaitForMultipleObjectsExpand.h"
 
@@ -47,6 +49,15 @@ void BenchPool() {
   });
   printf("pool Alloc+Free        %8.1f ns   malloc+free %8.1f ns   ratio %.2f\n", pooled, heap,
          pooled / heap);
+  // What a pair is made of: two lock round trips (popLock, and the chunk
+  // check never takes growLock here) and two performance sites.
+  CRecursiveLock lock;
+  const double locked = NsPer(kN, [&](int) {
+    lock.Lock();
+    lock.Unlock();
+  });
+  const double site = NsPer(kN, [&](int) { PERFORMANCE_SITE("bench_event_thread::Site()"); });
+  printf("  of which: CRecursiveLock Lock+Unlock %.1f ns, performance site %.1f ns\n", locked, site);
 }
 
 void BenchQueue() {
