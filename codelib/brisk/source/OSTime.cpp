@@ -27,7 +27,11 @@ void Sleep(uint32_t ms) {
   }
 }
 
-uint32_t GetCurrentThreadId() { return static_cast<uint32_t>(gettid()); }
+uint32_t GetCurrentThreadId() {
+  // Asked on every lock entry: the system call is made once per thread.
+  thread_local const uint32_t id = static_cast<uint32_t>(gettid());
+  return id;
+}
 
 uint32_t GetCurrentProcessId() { return static_cast<uint32_t>(getpid()); }
 
