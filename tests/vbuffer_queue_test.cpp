@@ -369,6 +369,35 @@ TEST(VBufferQueueIndexes, IndexesAndOffsetsRunAcrossTheWrapOf32Bits) {
   EXPECT_EQ(3, byte);
 }
 
+TEST(VBufferQueueIndexes, RingGrowsWhileCommitsComeAtBothEnds) {
+  QueueOnBuffer t(4000);
+  std::vector<uint8_t> expected;  // the tags in stream order
+  for (int i = 0; i <= 20; ++i) {
+    const uint8_t tag = static_cast<uint8_t>(i);
+    if (i % 2 == 0) {
+      ASSERT_NE(nullptr, t.PushHead(4, tag));
+      expected.insert(expected.begin(), 4, tag);
+    } else {
+      ASSERT_NE(nullptr, t.Push(4, tag));
+      expected.insert(expected.end(), 4, tag);
+    }
+  }
+  EXPECT_EQ(-11, t.queue.GetFirstIndex().Value());
+  EXPECT_EQ(9, t.queue.GetLastIndex().Value());
+  for (int32_t k = 0; k < 21; ++k) {
+    int32_t size = 0;
+    uint8_t* p = t.queue.GetBufferByIndex(t.queue.GetFirstIndex() + k, &size, nullptr);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(expected[static_cast<size_t>(k) * 4], p[0]) << k;
+    EXPECT_EQ(1, t.queue.ReleaseBuffer(p, 0));
+  }
+  std::vector<uint8_t> out(expected.size());
+  VBufSeq position = t.queue.GetFirstOffset();
+  int32_t count = static_cast<int32_t>(out.size());
+  ASSERT_EQ(1, t.queue.ReadBytes(&position, out.data(), &count, 0));
+  EXPECT_EQ(expected, out);
+}
+
 TEST(VBufferQueueHolds, GetReleaseAndWriteHolds) {
   QueueOnBuffer t;
   int32_t size = -1;

@@ -181,7 +181,9 @@ class VBufferQueue {
   // The queue starts closed. `useLock`: guard with a recursive lock.
   // `trackReaders` (fixed for life): blocks wait for registered readers.
   VBufferQueue(int32_t useLock, int32_t trackReaders);
-  // Closes (waiting for holders, see Close) and frees everything.
+  // Closes (waiting for holders, see Close) and frees everything. A hold or
+  // reservation that nobody will give back keeps it waiting: Clear first when
+  // such may be left.
   ~VBufferQueue();
   VBufferQueue(const VBufferQueue&) = delete;
   VBufferQueue& operator=(const VBufferQueue&) = delete;
@@ -267,6 +269,9 @@ class VBufferQueue {
   uint8_t* FindBuffer(const uint8_t* p, int32_t* state);
 
   // --- Plain accessors (no lock) -------------------------------------------
+  // The counters (GetBufferCount, GetDataSize, GetFirstIndex and
+  // GetFirstOffset) may be polled from any thread and may already be old; the
+  // others change only with Open and Close, or are the owner's.
   int32_t GetBufferCount();  // committed blocks
   int32_t GetDataSize();     // bytes in committed blocks
   int32_t GetCapacity();
