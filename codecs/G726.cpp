@@ -1,5 +1,7 @@
 #include "G726.h"
 
+#include <bit>
+
 namespace {
 
 // The standard's tables for 32 kbit/s, indexed by the four-bit code and
@@ -19,9 +21,8 @@ constexpr int32_t DECISION_LEVELS[7] = {-124, 80, 178, 246, 300, 349, 400};
 // Number of bits of a magnitude below 2^15: the index of the first power of
 // two above it.
 int32_t BitLength(int32_t value) {
-  int32_t bits = 0;
-  while (bits < 15 && value >= (1 << bits)) ++bits;
-  return bits;
+  const int32_t bits = static_cast<int32_t>(std::bit_width(static_cast<uint32_t>(value)));
+  return bits < 15 ? bits : 15;
 }
 
 // The standard's floating multiply of a predictor coefficient (shifted right
@@ -29,10 +30,9 @@ int32_t BitLength(int32_t value) {
 // as bit 10).
 int32_t FloatMultiply(int32_t coefficient, int32_t floating) {
   const int32_t magnitude = coefficient > 0 ? coefficient : (-coefficient) & 0x1FFF;
-  const int32_t exponent = BitLength(magnitude) - 6;
-  const int32_t mantissa =
-      magnitude == 0 ? 32 : (exponent >= 0 ? magnitude >> exponent : magnitude << -exponent);
-  const int32_t productExponent = exponent + ((floating >> 6) & 0xF) - 13;
+  const int32_t bits = BitLength(magnitude);
+  const int32_t mantissa = magnitude == 0 ? 32 : (magnitude << 6) >> bits;  // 6 bits, normalised
+  const int32_t productExponent = bits + ((floating >> 6) & 0xF) - 19;
   const int32_t productMantissa = (mantissa * (floating & 0x3F) + 0x30) >> 4;
   const int32_t product = productExponent >= 0 ? (productMantissa << productExponent) & 0x7FFF
                                                : productMantissa >> -productExponent;
