@@ -1,6 +1,7 @@
 #include "OSTime.h"
 
 #include <cerrno>
+#include <pthread.h>
 #include <sched.h>
 #include <time.h>
 #include <unistd.h>
@@ -27,7 +28,25 @@ void Sleep(uint32_t ms) {
   }
 }
 
-uint32_t GetCurrentThreadId() { return static_cast<uint32_t>(gettid()); }
+namespace {
+
+// The calling thread's id, asked of the kernel once per thread: every lock
+// records its owner, so this is on every hot path.
+thread_local uint32_t t_threadId = 0;
+
+// The child of fork() runs on a new thread that inherits the parent's copy.
+void ForgetThreadId() { t_threadId = 0; }
+
+}  // namespace
+
+uint32_t GetCurrentThreadId() {
+  if (t_threadId == 0) {
+    static const int registered = pthread_atfork(nullptr, nullptr, ForgetThreadId);
+    (void)registered;
+    t_threadId = static_cast<uint32_t>(gettid());
+  }
+  return t_threadId;
+}
 
 uint32_t GetCurrentProcessId() { return static_cast<uint32_t>(getpid()); }
 

@@ -1,0 +1,96 @@
+// Helpers shared by the tests of the waits, the poll set and the event thread.
+#pragma once
+
+#include <dirent.h>
+#include <sys/resource.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Diagnostics.h"
+#include "WaitableObject.h"
+
+// A row of events, closed at the end of the scope.
+struct EventRow {
+  std::vector<HANDLE> handles;
+  EventRow(int n, int manualReset) {
+    for (int i = 0; i < n; ++i) handles.push_back(CreateEventA(nullptr, manualReset, 0, nullptr));
+  }
+  ~EventRow() {
+    for (HANDLE h : handles) CloseHandle(h);
+  }
+  bool AllMade() const {
+    for (HANDLE h : handles)
+      if (h == nullptr) return false;
+    return true;
+  }
+  HANDLE operator[](int i) const { return handles[static_cast<size_t>(i)]; }
+  const HANDLE* data() const { return handles.data(); }
+};
+
+// Raises the descriptor limit so that `needed` objects fit; false if the hard
+// limit does not allow it.
+inline bool EnsureDescriptors(rlim_t needed) {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+  if (limit.rlim_cur >= needed) return true;
+  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < needed) return false;
+  limit.rlim_cur = needed;
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+// A value that is not one of our handles, safe to test: its magic word is 0.
+inline HANDLE FakeHandle() {
+  static uint64_t fake[8] = {};
+  return fake;
+}
+
+// Collects assertion reports (answered "ignore") and debug lines for its life.
+class DiagnosticsCapture {
+ public:
+  DiagnosticsCapture() {
+    SetAssertHandler(&OnReport, this);
+    SetDebugSink(&OnLine, this);
+  }
+  ~DiagnosticsCapture() {
+    SetAssertHandler(nullptr, nullptr);
+    SetDebugSink(nullptr, nullptr);
+  }
+  std::vector<std::string> Reports() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return reports_;
+  }
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+  }
+
+ private:
+  static int32_t OnReport(const char* report, void* context) {
+    auto* self = static_cast<DiagnosticsCapture*>(context);
+    std::lock_guard<std::mutex> guard(self->mutex_);
+    self->reports_.emplace_back(report);
+    return IDIGNORE;
+  }
+  static void OnLine(const char* line, void* context) {
+    auto* self = static_cast<DiagnosticsCapture*>(context);
+    std::lock_guard<std::mutex> guard(self->mutex_);
+    self->lines_.emplace_back(line);
+  }
+  std::mutex mutex_;
+  std::vector<std::string> reports_;
+  std::vector<std::string> lines_;
+};
+
+// Entries of a /proc/self directory: threads ("task") or descriptors ("fd").
+inline int CountProcEntries(const char* dir) {
+  std::string path = std::string("/proc/self/") + dir;
+  DIR* d = opendir(path.c_str());
+  if (d == nullptr) return -1;
+  int n = 0;
+  while (dirent* e = readdir(d))
+    if (e->d_name[0] != '.') ++n;
+  closedir(d);
+  return n - (std::string(dir) == "fd" ? 1 : 0);  // the directory's own descriptor
+}
