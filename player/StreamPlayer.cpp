@@ -245,13 +245,19 @@ void StreamPlayer::WorkerStep() {
   const int32_t audioCount = audioQueue.GetBufferCount();
   if (videoCount == 0 && audioCount == 0) {
     // Announce the sleep, look once more, then wait for the parser's signal.
+    // The signal is what wakes the worker; the timeout is only a fallback,
+    // 1 ms at first and longer the longer the stream stays idle, so that an
+    // idle player costs next to nothing.
     workerIdle.store(true);
     if (videoQueue.GetBufferCount() == 0 && audioQueue.GetBufferCount() == 0 &&
-        !stopWorker.load(std::memory_order_acquire))
-      WaitForSingleObject(workerWake, 1);
+        !stopWorker.load(std::memory_order_acquire)) {
+      WaitForSingleObject(workerWake, idleWaitMs);
+      idleWaitMs = idleWaitMs * 2 > MAX_IDLE_WAIT_MS ? MAX_IDLE_WAIT_MS : idleWaitMs * 2;
+    }
     workerIdle.store(false);
     return;
   }
+  idleWaitMs = 1;
   bool worked = false;
   if (videoCount > 0) worked |= VideoStep();
   if (audioCount > 0) worked |= AudioStep();

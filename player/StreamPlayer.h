@@ -13,8 +13,9 @@
 //     `recordLock`, and the worker writes the file.
 //
 // The worker sleeps on `workerWake` when both queues are empty; the parser
-// signals it when it queues a frame while the worker sleeps, and the wait
-// times out after a millisecond as a fallback.
+// signals it when it queues a frame while the worker sleeps. The wait's
+// timeout is a fallback only: 1 ms after work, doubling while the stream
+// stays idle, up to MAX_IDLE_WAIT_MS.
 #pragma once
 
 #include <atomic>
@@ -31,6 +32,7 @@
 constexpr int32_t PARSE_BUFFER_SIZE = 4194304;
 constexpr int32_t STREAM_VIDEO_QUEUE_SIZE = 33554432;
 constexpr int32_t STREAM_AUDIO_QUEUE_SIZE = 524288;
+constexpr uint32_t MAX_IDLE_WAIT_MS = 128;
 
 struct StreamPlayer : PlayerCore {
   CRecursiveLock recordLock;
@@ -55,6 +57,7 @@ struct StreamPlayer : PlayerCore {
   // The worker's wake-up: auto-reset, set by the parser when `workerIdle`.
   HANDLE workerWake = nullptr;
   std::atomic<bool> workerIdle{false};
+  uint32_t idleWaitMs = 1;  // the worker's own: its idle wait's fallback timeout
 
   // Validates `header` (`size` bytes), opens the decoder and the queues and
   // starts the worker. Raises -1 for a header that is not a TQF stream header
