@@ -18,6 +18,7 @@
 #include "OSTime.h"
 #include "PlayerManager.h"
 #include "StreamPlayer.h"
+#include "TQFReader.h"
 #include "TQFBuilder.h"
 
 using namespace tqftest;
@@ -293,6 +294,15 @@ TEST_F(StreamRecording, FileHoldsTheHeaderAndTheFramesFromTheFirstKeyFrame) {
   FeedAndDrain(f4);
   ASSERT_EQ(manager_.StopRecord(h_), 0);
   EXPECT_EQ(ReadFile(path), Concat({header_, f2, f3, f4}));
+  // The recording plays back: the reader indexes all but its last frame.
+  TQFReader reader;
+  ASSERT_TRUE(reader.Open(path.c_str()));
+  ASSERT_EQ(reader.index[0].count, 2u);
+  TQFFrameHeader header{};
+  uint32_t length = 0;
+  ASSERT_TRUE(reader.ReadFrame(0, 1, &header, nullptr, &length));
+  EXPECT_EQ(header.stamp, 13u);
+  EXPECT_TRUE(reader.IsKeyFrame(0, 0));
 }
 
 TEST_F(StreamRecording, SamePathTwiceKeepsOneFileWithoutAGap) {
