@@ -226,7 +226,9 @@ TEST_F(FilePlayerTest, OpeningChecksTheFirstRecord) {
     int32_t h = -1;
     const std::string path = WriteFile(3, [](int) { return true; }, c.header);
     EXPECT_EQ(manager_.OpenFile(path.c_str(), &h) == 0, c.opens) << c.name;
-    if (c.opens) EXPECT_EQ(manager_.CloseFile(h), 0);
+    if (c.opens) {
+      EXPECT_EQ(manager_.CloseFile(h), 0);
+    }
   }
   int32_t h = 123;
   EXPECT_EQ(manager_.OpenFile(nullptr, &h), -1);

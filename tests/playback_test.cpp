@@ -137,8 +137,9 @@ TEST_P(Playback, FileAndStreamDeliverTheFrameByFramePictures) {
 INSTANTIATE_TEST_SUITE_P(Samples, Playback,
                          ::testing::Values(Sample{"demo.tqf", 640, 352},
                                            Sample{"jpeg422.tqf", 320, 240}),
-                         [](const auto& info) {
-                           return std::string(info.param.file).substr(0, std::string(info.param.file).find('.'));
+                         [](const auto& param) {
+                           const std::string file = param.param.file;
+                           return file.substr(0, file.find('.'));
                          });
 
 }  // namespace

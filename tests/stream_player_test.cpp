@@ -299,8 +299,9 @@ TEST_F(StreamRecording, FileHoldsTheHeaderAndTheFramesFromTheFirstKeyFrame) {
   ASSERT_TRUE(reader.Open(path.c_str()));
   ASSERT_EQ(reader.index[0].count, 2u);
   TQFFrameHeader header{};
-  uint32_t length = 0;
+  uint32_t length = TQF_FILE_READ_BUFFER_SIZE;
   ASSERT_TRUE(reader.ReadFrame(0, 1, &header, nullptr, &length));
+  EXPECT_EQ(length, 100u);
   EXPECT_EQ(header.stamp, 13u);
   EXPECT_TRUE(reader.IsKeyFrame(0, 0));
 }
