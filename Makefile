@@ -5,7 +5,7 @@ JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all bootstrap build demo view test test-unit test-race test-asan bench install clean
+.PHONY: all bootstrap build demo view test test-unit test-race test-asan bench fuzz install clean
 
 all: build
 
@@ -46,8 +46,20 @@ test-asan: bootstrap
 bench: build
 	@for b in $(BUILD)/bench_*; do [ -x "$$b" ] && { echo "== $$b"; "$$b"; }; done; true
 
+# The fuzz targets under clang with AddressSanitizer, FUZZ_SECONDS each.
+FUZZ_SECONDS ?= 60
+fuzz: bootstrap
+	@tools/bootstrap.sh clang libclang-rt-14-dev
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DTQF_SANITIZE=address -DTQF_FUZZ=ON -DBUILD_TESTING=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_tqf_reader fuzz_stream_parser
+	mkdir -p build-fuzz/corpus-reader build-fuzz/corpus-stream
+	cp samples/*.tqf build-fuzz/corpus-reader/
+	build-fuzz/fuzz_tqf_reader -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=4096 build-fuzz/corpus-reader
+	build-fuzz/fuzz_stream_parser -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=4096 build-fuzz/corpus-stream samples
+
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) build-tsan build-asan
+	rm -rf $(BUILD) build-tsan build-asan build-fuzz

@@ -29,6 +29,8 @@
 
 #include <cstdint>
 
+#include "TQFFormat.h"
+
 class Decoder {
  public:
   Decoder() = default;
@@ -59,10 +61,10 @@ void ReleaseDecoder(Decoder* decoder);
 
 // Keys of the factory: the FourCC of a video header, read as a little-endian
 // number, and the audio key.
-constexpr uint32_t DECODER_KEY_H264 = 0x34363248;  // "H264"
-constexpr uint32_t DECODER_KEY_G264 = 0x34363247;  // "G264"
-constexpr uint32_t DECODER_KEY_AVS0 = 0x30535641;  // "AVS0"
-constexpr uint32_t DECODER_KEY_JPEG = 0x4745504A;  // "JPEG"
+constexpr uint32_t DECODER_KEY_H264 = FOURCC_H264;
+constexpr uint32_t DECODER_KEY_G264 = FOURCC_G264;
+constexpr uint32_t DECODER_KEY_AVS0 = FOURCC_AVS0;
+constexpr uint32_t DECODER_KEY_JPEG = FOURCC_JPEG;
 constexpr uint32_t DECODER_KEY_G726 = 100;
 
 // A new, not yet opened member for (video, key), or null for an unknown pair

@@ -12,9 +12,8 @@ class Decoder;
 struct PlayerManager;
 
 // A file player reads one frame at a time into `frameBuffer`; its stated
-// capacity is FRAME_BUFFER_CAPACITY, the rest is slack.
+// capacity is TQF_FILE_READ_BUFFER_SIZE, the rest is slack.
 constexpr uint32_t FRAME_BUFFER_SIZE = 2106368;
-constexpr uint32_t FRAME_BUFFER_CAPACITY = 2097152;
 
 // Every picture goes out as format 5 (planar, 12 bits a pixel) at 25 a second.
 constexpr int32_t PICTURE_FORMAT = 5;

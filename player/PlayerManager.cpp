@@ -2,14 +2,16 @@
 
 #include <new>
 
+#include "FilePlayer.h"
 #include "PlayerCore.h"
+#include "StreamPlayer.h"
 
 namespace {
 
 // The player kinds, by PlayerKindId.
 const PlayerKind* const PLAYER_KINDS[] = {
-    nullptr,  // PLAYER_KIND_STREAM
-    nullptr,  // PLAYER_KIND_FILE
+    &StreamPlayer::KIND,  // PLAYER_KIND_STREAM
+    &FilePlayer::KIND,    // PLAYER_KIND_FILE
 };
 
 void DestroyHolder(PlayerHolder* holder) {

@@ -2,9 +2,12 @@
 // exported names.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <fstream>
+#include <unistd.h>
 #include <set>
 #include <string>
 #include <vector>
@@ -129,6 +132,70 @@ TEST_F(LibraryExports, FailedOpensLeaveTheOutHandleUnwritten) {
   EXPECT_EQ(openFile(nullptr, &handle), -1);
   EXPECT_EQ(openFile("/nonexistent/file.tqf", &handle), -1);
   EXPECT_EQ(handle, -77);
+}
+
+std::vector<uint8_t> DemoBytes() {
+  std::ifstream in(std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf", std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+uint32_t HeaderSize(const std::vector<uint8_t>& bytes) {
+  uint32_t length;
+  memcpy(&length, bytes.data() + 4, 4);
+  return length + 8;
+}
+
+TEST_F(LibraryExports, HandlesCountFromZeroSkipRefusalsAndRestartAfterFree) {
+  auto initial = lib_.Get<int32_t()>("TQ_Initial");
+  auto release = lib_.Get<int32_t()>("TQ_Free");
+  auto openStream = lib_.Get<int32_t(const uint8_t*, uint32_t, int32_t*)>("TQ_OpenStream");
+  auto openFile = lib_.Get<int32_t(const char*, int32_t*)>("TQ_OpenFile");
+  const std::vector<uint8_t> demo = DemoBytes();
+  const std::string demoPath = std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf";
+  ASSERT_EQ(initial(), 0);
+  int32_t h = -1;
+  ASSERT_EQ(openStream(demo.data(), HeaderSize(demo), &h), 0);
+  EXPECT_EQ(h, 0);
+  EXPECT_EQ(openStream(demo.data(), 15, &h), -1);
+  EXPECT_EQ(openFile("/nonexistent.tqf", &h), -1);
+  ASSERT_EQ(openFile(demoPath.c_str(), &h), 0);
+  EXPECT_EQ(h, 3);
+  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseStream")(3), -1);  // a file's handle
+  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseFile")(0), -1);    // a stream's handle
+  EXPECT_EQ(release(), 0);  // closes both players
+  ASSERT_EQ(initial(), 0);
+  ASSERT_EQ(openFile(demoPath.c_str(), &h), 0);
+  EXPECT_EQ(h, 0);
+}
+
+std::atomic<bool> g_entered{false};
+
+int32_t SlowOnce(int32_t, uint8_t*, int32_t, int32_t, int32_t, uint32_t, int32_t, int32_t, uint32_t) {
+  if (!g_entered.exchange(true)) {
+    usleep(300000);
+    fprintf(stderr, "callback finished\n");
+  }
+  return 0;
+}
+
+// A host that exits without TQ_Free still gets its players closed: the exit
+// waits for the callback in progress instead of cutting it off.
+TEST(LibraryTeardownDeathTest, ExitWithoutFreeClosesThePlayers) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        Library lib;
+        const std::vector<uint8_t> demo = DemoBytes();
+        lib.Get<int32_t()>("TQ_Initial")();
+        int32_t h = -1;
+        lib.Get<int32_t(const uint8_t*, uint32_t, int32_t*)>("TQ_OpenStream")(demo.data(), HeaderSize(demo), &h);
+        lib.Get<int32_t(int32_t, PictureCallback, uint32_t)>("TQ_Play")(h, SlowOnce, 0);
+        lib.Get<int32_t(int32_t, const uint8_t*, int32_t)>("TQ_InputData")(
+            h, demo.data() + HeaderSize(demo), static_cast<int32_t>(demo.size() - HeaderSize(demo)));
+        while (!g_entered) usleep(1000);
+        exit(0);
+      },
+      ::testing::ExitedWithCode(0), "callback finished");
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 # those that are missing. Runs `apt-get update` once before the first install.
 set -euo pipefail
 
+# Extra packages may be named on the command line (make fuzz adds clang).
 packages=(
+  "$@"
   build-essential cmake pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libswresample-dev

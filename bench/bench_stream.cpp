@@ -1,0 +1,160 @@
+// Live stream figures: parse-and-drain throughput by chunk size, the latency
+// from TQ_InputData's return to the callback, and the idle cost of 64 streams.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <sys/resource.h>
+#include <turbojpeg.h>
+#include <vector>
+
+#include "OSTime.h"
+#include "PlayerManager.h"
+#include "StreamPlayer.h"
+#include "TQFBuilder.h"
+
+using namespace tqftest;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+// Feeds `total` bytes of 16 KiB frames in chunks of `chunk` bytes to a stream
+// with no decoder and waits until the worker has drained them. Bytes a second.
+double Throughput(size_t chunk, size_t total) {
+  PlayerManager manager;
+  const Bytes header = VideoHeader("XVID", 352, 288);
+  int32_t h = -1;
+  manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &h);
+  manager.Play(h, nullptr, 0);
+  Bytes pattern;
+  while (pattern.size() < (8u << 20)) {
+    Bytes f = Frame(Info(16384, pattern.empty() ? KEY : 0, 0), 0, Payload(16384));
+    pattern.insert(pattern.end(), f.begin(), f.end());
+  }
+  StreamPlayer* player = static_cast<StreamPlayer*>(manager.Lookup(h)->player);
+  const auto start = Clock::now();
+  size_t fed = 0, at = 0;
+  while (fed < total) {
+    size_t n = std::min(chunk, pattern.size() - at);
+    manager.InputData(h, pattern.data() + at, static_cast<int32_t>(n));
+    fed += n;
+    at = (at + n) % pattern.size();
+  }
+  while (player->videoQueue.GetBufferCount() != 0) Sleep(0);
+  const double rate = static_cast<double>(fed) / Seconds(Clock::now() - start);
+  manager.CloseStream(h);
+  return rate;
+}
+
+std::atomic<int64_t> g_enteredNs{0};
+
+int64_t NowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
+int32_t MarkEntry(int32_t, uint8_t*, int32_t, int32_t, int32_t, uint32_t, int32_t, int32_t, uint32_t) {
+  g_enteredNs.store(NowNs());
+  return 0;
+}
+
+Bytes TinyJpeg() {
+  std::vector<uint8_t> rgb(64 * 48 * 3, 128);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>(i * 13);
+  tjhandle compressor = tjInitCompress();
+  unsigned char* jpeg = nullptr;
+  unsigned long size = 0;
+  tjCompress2(compressor, rgb.data(), 64, 0, 48, TJPF_RGB, &jpeg, &size, TJSAMP_420, 80, 0);
+  Bytes out(jpeg, jpeg + size);
+  tjFree(jpeg);
+  tjDestroy(compressor);
+  return out;
+}
+
+void Latency() {
+  PlayerManager manager;
+  const Bytes header = VideoHeader("JPEG", 64, 48);
+  int32_t h = -1;
+  if (manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &h) != 0) {
+    printf("latency: could not open a JPEG stream\n");
+    return;
+  }
+  manager.Play(h, MarkEntry, 0);
+  const Bytes jpeg = TinyJpeg();
+  std::vector<double> micros;
+  for (int i = 0; i < 3000; ++i) {
+    const Bytes frame = Frame(Info(static_cast<uint32_t>(jpeg.size()), KEY, 0), i, jpeg);
+    g_enteredNs.store(0);
+    manager.InputData(h, frame.data(), static_cast<int32_t>(frame.size()));
+    const int64_t returned = NowNs();
+    while (g_enteredNs.load() == 0) {
+    }
+    micros.push_back(std::max<int64_t>(0, g_enteredNs.load() - returned) / 1000.0);
+    if (i % 2) Sleep(1);  // half of the frames meet a sleeping worker
+  }
+  std::sort(micros.begin(), micros.end());
+  printf("latency InputData return -> callback entry (64x48 JPEG, %zu frames): median %.1f us, p99 %.1f us, max %.1f us\n",
+         micros.size(), micros[micros.size() / 2], micros[micros.size() * 99 / 100], micros.back());
+  manager.CloseStream(h);
+}
+
+long RssKiB() {
+  FILE* f = fopen("/proc/self/status", "r");
+  char line[256];
+  long kib = 0;
+  while (f && fgets(line, sizeof line, f))
+    if (sscanf(line, "VmRSS: %ld", &kib) == 1) break;
+  if (f) fclose(f);
+  return kib;
+}
+
+double CpuSeconds() {
+  rusage u;
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+void IdleCost() {
+  PlayerManager manager;
+  const Bytes header = VideoHeader("H264", 704, 576);
+  const long rssBefore = RssKiB();
+  std::vector<int32_t> handles;
+  for (int i = 0; i < 64; ++i) {
+    int32_t h = -1;
+    manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &h);
+    manager.Play(h, nullptr, 0);
+    handles.push_back(h);
+  }
+  const long rssOpen = RssKiB();
+  Sleep(200);
+  const double cpu0 = CpuSeconds();
+  const auto wall0 = Clock::now();
+  Sleep(3000);
+  const double cpu = CpuSeconds() - cpu0;
+  const double wall = Seconds(Clock::now() - wall0);
+  printf("idle: 64 playing streams, no input: %.2f%% of one core; resident memory %.1f MiB for the 64 (%.0f KiB each)\n",
+         100.0 * cpu / wall, (rssOpen - rssBefore) / 1024.0, (rssOpen - rssBefore) / 64.0);
+  for (int32_t h : handles) manager.CloseStream(h);
+}
+
+}  // namespace
+
+int main() {
+  const size_t total = 4ull << 30;
+  double rate64k = 0;
+  for (size_t chunk : {size_t(1024), size_t(65536), size_t(4u << 20)}) {
+    // The "4 MiB" chunks are 64 KiB short, so that they fit the 4 MiB parse
+    // buffer beside a partial frame.
+    size_t c = chunk == (4u << 20) ? chunk - 65536 : chunk;
+    double rate = Throughput(c, chunk == 1024 ? total / 4 : total);
+    if (chunk == 65536) rate64k = rate;
+    printf("parse+drain, 16 KiB frames, chunks of %zu bytes: %.2f GB/s", c, rate / 1e9);
+    if (chunk != 65536 && rate64k > 0) printf(" (%.2f of the 64 KiB rate)", rate / rate64k);
+    printf("\n");
+  }
+  Latency();
+  IdleCost();
+  return 0;
+}

@@ -1,0 +1,333 @@
+#include "StreamPlayer.h"
+
+#include <cstring>
+
+#include "Decoder.h"
+#include "Diagnostics.h"
+#include "OSTime.h"
+#include "ThreadStartRecord.h"
+
+namespace {
+
+constexpr int32_t FRAME_HEAD_SIZE = static_cast<int32_t>(TQF_FRAME_HEAD_SIZE);
+constexpr int32_t BLOCK_HEAD_SIZE = 8;  // a queued frame: info, stamp, payload
+
+// A payload above 524,288 bytes is refused on a live stream.
+bool LengthAllowed(uint32_t info) { return FramePayloadLength(info) <= TQF_STREAM_MAX_FRAME_PAYLOAD; }
+
+// The offset of the first sync word at an offset from `from` up to `length`
+// minus 4, or -1.
+int32_t FindSync(const uint8_t* bytes, int32_t from, int32_t length) {
+  if (from >= length) return -1;
+  const uint64_t at = FindFrameSync(bytes, static_cast<uint64_t>(from), static_cast<uint64_t>(length));
+  return at == static_cast<uint64_t>(length) ? -1 : static_cast<int32_t>(at);
+}
+
+uint32_t WorkerMain(void* argument) {
+  StreamPlayer* player = static_cast<StreamPlayer*>(argument);
+  while (!player->stopWorker.load(std::memory_order_acquire)) player->WorkerStep();
+  return 0;
+}
+
+PlayerCore* CreateStream(PlayerManager* manager, int32_t handle, const void* source,
+                         uint32_t size) {
+  return new StreamPlayer(manager, handle, static_cast<const uint8_t*>(source), size);
+}
+
+void DestroyStream(PlayerCore* player) { delete static_cast<StreamPlayer*>(player); }
+
+int32_t StreamInputData(PlayerCore* player, const uint8_t* data, int32_t size) {
+  if (!player->playing.load(std::memory_order_acquire)) return 0;
+  return static_cast<StreamPlayer*>(player)->FeedBytes(data, size);
+}
+
+int32_t StreamStartRecord(PlayerCore* player, const char* path) {
+  return static_cast<StreamPlayer*>(player)->StartRecord(path);
+}
+
+int32_t StreamStopRecord(PlayerCore* player) { return static_cast<StreamPlayer*>(player)->StopRecord(); }
+
+}  // namespace
+
+const PlayerKind StreamPlayer::KIND = {
+    CreateStream, DestroyStream, nullptr, StreamInputData, StreamStartRecord, StreamStopRecord,
+    nullptr,      nullptr,       nullptr,
+};
+
+StreamPlayer::StreamPlayer(PlayerManager* owner, int32_t playerHandle, const uint8_t* header,
+                           uint32_t size)
+    : PlayerCore(owner, playerHandle), openTick(GetTickCount()) {
+  memset(descriptor, 0, sizeof descriptor);
+  try {
+    ValidateHeader(header, size);
+    if (!videoQueue.Open(STREAM_VIDEO_QUEUE_SIZE, nullptr, nullptr, 4) ||
+        !audioQueue.Open(STREAM_AUDIO_QUEUE_SIZE, nullptr, nullptr, 4))
+      throw 0;
+    StartWorker();
+  } catch (int) {
+    ReleaseAll();
+    throw;
+  }
+}
+
+StreamPlayer::~StreamPlayer() {
+  StopWorker();
+  recordWriter.Close();
+  recordPath.clear();
+  audioQueue.Close();
+  videoQueue.Close();
+  ReleaseAll();
+}
+
+void StreamPlayer::ReleaseAll() {
+  ReleaseDecoder(videoDecoder);
+  videoDecoder = nullptr;
+  delete audioDecoder;
+  audioDecoder = nullptr;
+  if (workerWake) CloseHandle(workerWake);
+  workerWake = nullptr;
+}
+
+void StreamPlayer::ValidateHeader(const uint8_t* header, uint32_t size) {
+  if (LoadU32(header) != TQF_FILE_MAGIC) throw -1;
+  if (static_cast<uint64_t>(LoadU32(header + 4)) + 8 != size) throw -1;
+  const uint32_t recordCount = LoadU32(header + 12);
+  if (recordCount < 1 || recordCount > TQF_READER_MAX_RECORDS) throw -1;
+
+  uint32_t offset = 16;
+  uint32_t remaining = size - 16;
+  const uint8_t* payload = nullptr;
+  for (uint32_t i = 0; i < recordCount; ++i) {
+    if (remaining < 8) throw -1;
+    remaining -= 8;
+    const uint32_t length = LoadU32(header + offset + 4);
+    if (remaining < length) throw -1;
+    remaining -= length;
+    if (length > TQF_STREAM_MAX_RECORD_PAYLOAD) throw -1;
+    if (IsFourCCRecordType(LoadU32(header + offset))) {
+      payload = header + offset + 8;
+      break;
+    }
+    offset += 8 + length;
+  }
+  if (payload == nullptr) return;  // no video record: no decoder, size -1
+
+  // 40 bytes are taken from where the record starts, whatever its length;
+  // bytes past the end of the header block read as zero.
+  const size_t available = static_cast<size_t>(header + size - payload);
+  memcpy(descriptor, payload, available < sizeof descriptor ? available : sizeof descriptor);
+  videoDecoder = CreateDecoder(true, LoadU32(descriptor + 16));
+  const int32_t w = static_cast<int32_t>(LoadU32(descriptor + 4));
+  const int32_t h = static_cast<int32_t>(LoadU32(descriptor + 8));
+  if (!IsPlayablePictureSize(w, h)) throw 0;
+  if (videoDecoder && !videoDecoder->Open(w, h)) throw 0;
+  width = w;
+  height = h;
+}
+
+void StreamPlayer::StartWorker() {
+  workerWake = CreateEventA(nullptr, 0, 0, nullptr);
+  if (!workerWake) throw 0;
+  workerThread = CreateThread(nullptr, 0, WorkerMain, this, 0, nullptr);
+  if (!workerThread) throw 0;
+}
+
+void StreamPlayer::StopWorker() {
+  if (!workerThread) return;
+  stopWorker.store(true, std::memory_order_release);
+  SetEvent(workerWake);
+  WaitForSingleObject(workerThread, INFINITE);
+  CloseHandle(workerThread);
+  workerThread = nullptr;
+}
+
+int32_t StreamPlayer::FeedBytes(const uint8_t* data, int32_t size) {
+  CLockGuard guard(&lock);
+  if (size < 0) return -1;
+  if (size == 0) return 0;
+  if (static_cast<int64_t>(parseLength) + size > PARSE_BUFFER_SIZE) {
+    OutputDebugStringA("TQF buffer overflow.\n");
+    parseLength = 0;
+    lostSync = true;
+    return 0;
+  }
+  memcpy(parseBuffer + parseLength, data, static_cast<size_t>(size));
+  parseLength += size;
+  while (ParseStep()) {
+  }
+  // Consumed frames were skipped one by one; the rest moves down once.
+  if (parseStart != 0) {
+    memmove(parseBuffer, parseBuffer + parseStart, static_cast<size_t>(parseLength));
+    parseStart = 0;
+  }
+  return 0;
+}
+
+void StreamPlayer::Consume(int32_t bytes) {
+  parseStart += bytes;
+  parseLength -= bytes;
+}
+
+bool StreamPlayer::ParseStep() {
+  if (!lostSync) {
+    if (parseLength < FRAME_HEAD_SIZE) return false;
+    const uint8_t* frame = parseBuffer + parseStart;
+    const uint32_t info = LoadU32(frame + 4);
+    if (LoadU32(frame) != TQF_FRAME_SYNC) {
+      lostSync = true;
+      OutputDebugStringA("TQF Frame sync lost.\n");
+    } else if (!LengthAllowed(info)) {
+      lostSync = true;
+      OutputDebugStringA("TQF Frame length too big.\n");
+    } else if (FramePayloadLength(info) > static_cast<uint32_t>(parseLength - FRAME_HEAD_SIZE)) {
+      return false;  // not complete yet
+    }
+  }
+  if (lostSync && !Resynchronise()) return false;
+  Dispatch(LoadU32(parseBuffer + parseStart + 4));
+  return true;
+}
+
+bool StreamPlayer::Resynchronise() {
+  const int32_t first = FindSync(parseBuffer + parseStart, 0, parseLength);
+  if (first < 0) {
+    parseStart = 0;
+    parseLength = 0;
+    return false;
+  }
+  Consume(first);
+  for (;;) {
+    // A candidate counts only when the next sync word confirms its length.
+    const int32_t next = FindSync(parseBuffer + parseStart, 4, parseLength);
+    if (next < 0) return false;
+    const uint32_t info = LoadU32(parseBuffer + parseStart + 4);
+    if (next >= FRAME_HEAD_SIZE && LengthAllowed(info) &&
+        FramePayloadLength(info) == static_cast<uint32_t>(next - FRAME_HEAD_SIZE)) {
+      OutputDebugStringA("TQF resync.\n");
+      lostSync = false;
+      return true;
+    }
+    Consume(next);
+  }
+}
+
+void StreamPlayer::Dispatch(uint32_t info) {
+  const uint32_t length = FramePayloadLength(info);
+  const uint32_t stream = FrameStreamNumber(info);
+  bool queue = length > 0 && stream <= 1;
+  if (queue && awaitFirstKey) {
+    if (IsKeyFrameInfo(info))
+      awaitFirstKey = false;
+    else
+      queue = false;
+  }
+  if (queue) {
+    VBufferQueue& target = stream == 0 ? videoQueue : audioQueue;
+    const int32_t blockSize = static_cast<int32_t>(length) + BLOCK_HEAD_SIZE;
+    uint8_t* block = target.PrepareNewBufferAtTail(blockSize, 1, nullptr);
+    if (block) {
+      memcpy(block, parseBuffer + parseStart + 4, static_cast<size_t>(blockSize));
+      target.NewBufferAtTail(block, -1, 0, 0, 0);
+      WakeWorker();
+    } else {
+      OutputDebugStringA(stream == 0 ? "vBuf is full!\n" : "aBuf is full!\n");
+    }
+  }
+  Consume(static_cast<int32_t>(length) + FRAME_HEAD_SIZE);
+}
+
+void StreamPlayer::WakeWorker() {
+  if (workerIdle.exchange(false)) SetEvent(workerWake);
+}
+
+void StreamPlayer::WorkerStep() {
+  const int32_t videoCount = videoQueue.GetBufferCount();
+  const int32_t audioCount = audioQueue.GetBufferCount();
+  if (videoCount == 0 && audioCount == 0) {
+    // Announce the sleep, look once more, then wait for the parser's signal.
+    // The signal is what wakes the worker; the timeout is only a fallback,
+    // 1 ms at first and longer the longer the stream stays idle, so that an
+    // idle player costs next to nothing.
+    workerIdle.store(true);
+    if (videoQueue.GetBufferCount() == 0 && audioQueue.GetBufferCount() == 0 &&
+        !stopWorker.load(std::memory_order_acquire)) {
+      WaitForSingleObject(workerWake, idleWaitMs);
+      idleWaitMs = idleWaitMs * 2 > MAX_IDLE_WAIT_MS ? MAX_IDLE_WAIT_MS : idleWaitMs * 2;
+    }
+    workerIdle.store(false);
+    return;
+  }
+  idleWaitMs = 1;
+  bool worked = false;
+  if (videoCount > 0) worked |= VideoStep();
+  if (audioCount > 0) worked |= AudioStep();
+  if (!worked) Sleep(1);
+}
+
+bool StreamPlayer::VideoStep() {
+  int32_t size = 0;
+  uint8_t* block = videoQueue.GetBuffer(nullptr, &size, nullptr);
+  if (!block) return true;
+  const uint32_t info = LoadU32(block);
+  const uint32_t stamp = LoadU32(block + 4);
+  const uint32_t length = FramePayloadLength(info);
+  if (recording.load(std::memory_order_acquire)) RecordHook(block, info, length);
+  // A payload ending in eight zero bytes is an empty frame: recorded, not
+  // decoded. For payloads under eight bytes the test reaches into the header.
+  static const uint8_t zeros[8] = {};
+  if (memcmp(block + length, zeros, sizeof zeros) != 0 && videoDecoder) {
+    uint8_t* picture = videoDecoder->Decode(block + BLOCK_HEAD_SIZE, static_cast<int32_t>(length), nullptr);
+    if (picture) Deliver(picture, stamp);
+  }
+  // One step: an evicting writer between a release and a removal would make
+  // the removal take the next, unread block.
+  videoQueue.ReleaseAndRemoveAtHead(block, 0, nullptr);
+  return true;
+}
+
+bool StreamPlayer::AudioStep() {
+  int32_t size = 0;
+  uint8_t* block = audioQueue.GetBuffer(nullptr, &size, nullptr);
+  bool result = true;
+  // Audio is drained, never decoded: no window ever asks for the decoder.
+  if (notifyWindow != 0 && audioDecoder == nullptr) {
+    audioDecoder = CreateDecoder(false, 100);
+    result = audioDecoder != nullptr;
+  }
+  if (block) audioQueue.ReleaseAndRemoveAtHead(block, 0, nullptr);
+  return result;
+}
+
+void StreamPlayer::RecordHook(const uint8_t* block, uint32_t info, uint32_t length) {
+  CLockGuard guard(&recordLock);
+  if (recordWriter.file == nullptr && recordWriter.Create(recordPath.c_str(), 0))
+    recordWriter.AddRecord(LoadU32(descriptor + 16), descriptor, TQF_MEDIA_DESCRIPTOR_SIZE);
+  if (recordWriter.file == nullptr) return;  // tried again at the next video frame
+  if (awaitRecordKey) {
+    if (!IsKeyFrameInfo(info)) return;
+    awaitRecordKey = false;
+  }
+  const TQFFrameHeader frame{info, LoadU32(block + 4)};
+  recordWriter.WriteFrame(&frame, block + BLOCK_HEAD_SIZE, length);
+}
+
+int32_t StreamPlayer::StartRecord(const char* path) {
+  if (!playing.load(std::memory_order_acquire)) return 0;
+  if (path == nullptr) return -1;
+  CLockGuard guard(&recordLock);
+  if (recording.load() && recordPath == path) return 0;
+  if (recordWriter.file != nullptr) recordWriter.Close();
+  recordPath = path;
+  awaitRecordKey = true;
+  recording.store(true, std::memory_order_release);
+  return 0;
+}
+
+int32_t StreamPlayer::StopRecord() {
+  if (!playing.load(std::memory_order_acquire)) return 0;
+  CLockGuard guard(&recordLock);
+  if (recordWriter.file != nullptr) recordWriter.Close();
+  recordPath.clear();
+  recording.store(false, std::memory_order_release);
+  return 0;
+}

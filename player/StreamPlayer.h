@@ -1,0 +1,98 @@
+// StreamPlayer: plays a live TQF stream that the host feeds in pieces.
+//
+// Three parts do the work:
+//   - the parser, on the feeding thread under `lock`: splits bytes into
+//     frames, resynchronises on damage, drops what comes before the first key
+//     frame, and queues each frame (header words and payload) at the tail of
+//     `videoQueue` or `audioQueue`, evicting the oldest frames when full;
+//   - the worker, a thread of the player's own from open to close: takes the
+//     oldest video frame, runs the record hook, decodes it in place and hands
+//     the picture to the host's callback with no lock held; audio frames are
+//     taken and dropped;
+//   - record control: TQ_StartRecord and TQ_StopRecord set the stage under
+//     `recordLock`, and the worker writes the file.
+//
+// The worker sleeps on `workerWake` when both queues are empty; the parser
+// signals it when it queues a frame while the worker sleeps. The wait's
+// timeout is a fallback only: 1 ms after work, doubling while the stream
+// stays idle, up to MAX_IDLE_WAIT_MS.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "PlayerCore.h"
+#include "PlayerManager.h"
+#include "TQFFormat.h"
+#include "TQFWriter.h"
+#include "VBufferQueue.h"
+#include "WaitableObject.h"
+
+constexpr int32_t PARSE_BUFFER_SIZE = 4194304;
+constexpr int32_t STREAM_VIDEO_QUEUE_SIZE = 33554432;
+constexpr int32_t STREAM_AUDIO_QUEUE_SIZE = 524288;
+constexpr uint32_t MAX_IDLE_WAIT_MS = 128;
+
+struct StreamPlayer : PlayerCore {
+  CRecursiveLock recordLock;
+  bool lostSync = false;
+  int32_t parseLength = 0;
+  // Unparsed input. Between calls it starts at the first byte; within one
+  // FeedBytes the consumed part is skipped by `parseStart` and the rest moved
+  // down once, at the end of the call.
+  uint8_t parseBuffer[PARSE_BUFFER_SIZE];
+  int32_t parseStart = 0;
+  std::atomic<bool> stopWorker{false};
+  bool awaitFirstKey = true;
+  HANDLE workerThread = nullptr;
+  VBufferQueue videoQueue{1, 0};
+  VBufferQueue audioQueue{1, 0};
+  uint32_t openTick;
+  std::atomic<bool> recording{false};
+  bool awaitRecordKey = false;
+  std::string recordPath;
+  TQFWriter recordWriter;
+  uint8_t descriptor[TQF_MEDIA_DESCRIPTOR_SIZE];
+  // The worker's wake-up: auto-reset, set by the parser when `workerIdle`.
+  HANDLE workerWake = nullptr;
+  std::atomic<bool> workerIdle{false};
+  uint32_t idleWaitMs = 1;  // the worker's own: its idle wait's fallback timeout
+
+  // Validates `header` (`size` bytes), opens the decoder and the queues and
+  // starts the worker. Raises -1 for a header that is not a TQF stream header
+  // and 0 for a size or decoder the player cannot use, having released
+  // everything it built.
+  StreamPlayer(PlayerManager* owner, int32_t playerHandle, const uint8_t* header, uint32_t size);
+  // Stops the worker (a callback in progress ends first), closes a recording
+  // and drops what is still queued.
+  ~StreamPlayer();
+
+  // Appends bytes and queues every whole frame. -1 for a negative size; 0
+  // otherwise, also when the bytes were dropped for overflow.
+  int32_t FeedBytes(const uint8_t* data, int32_t size);
+  // One frame of the parse; true if a frame was consumed and another may follow.
+  bool ParseStep();
+
+  int32_t StartRecord(const char* path);
+  int32_t StopRecord();
+
+  // One pass of the worker; the thread runs it until `stopWorker`.
+  void WorkerStep();
+  bool VideoStep();
+  bool AudioStep();
+
+  // The stream kind's entry in the player table.
+  static const PlayerKind KIND;
+
+ private:
+  void ValidateHeader(const uint8_t* header, uint32_t size);
+  void StartWorker();
+  void StopWorker();
+  void ReleaseAll();
+  bool Resynchronise();
+  void Dispatch(uint32_t info);
+  void Consume(int32_t bytes);
+  void RecordHook(const uint8_t* block, uint32_t info, uint32_t length);
+  void WakeWorker();
+};
