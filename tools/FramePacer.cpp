@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds FRAME_TIME{TQF_FRAME_DURATION_MS};
-constexpr uint32_t MAX_LAG_FRAMES = 5;
+constexpr int64_t MAX_LAG_FRAMES = 5;
 
 }  // namespace
 

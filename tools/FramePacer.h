@@ -16,6 +16,6 @@ class FramePacer {
 
  private:
   std::chrono::steady_clock::time_point start_;
-  uint64_t frames_ = 0;
+  int64_t frames_ = 0;
   bool started_ = false;
 };

@@ -18,15 +18,22 @@ struct SessionSlot {
   PictureHandler handler = nullptr;
   void* context = nullptr;
   std::atomic<bool> fileEnded{false};
+  std::atomic<int32_t> pendingSeek{-1};  // seconds, or -1
   bool forwardDebug = false;
 };
 
 SessionSlot g_slot;
 volatile std::sig_atomic_t g_interrupted = 0;
 
-int32_t DeliverPicture(int32_t, uint8_t* picture, int32_t size, int32_t width, int32_t height,
-                       uint32_t stamp, int32_t, int32_t, uint32_t user) {
-  if (user == SESSION_USER && g_slot.handler != nullptr && picture != nullptr)
+int32_t DeliverPicture(int32_t handle, uint8_t* picture, int32_t size, int32_t width,
+                       int32_t height, uint32_t stamp, int32_t, int32_t, uint32_t user) {
+  if (user != SESSION_USER) return 0;
+  int32_t seek = g_slot.pendingSeek.exchange(-1);
+  if (seek >= 0) {
+    TQ_SetPlayTime(handle, seek);  // a file's callback may seek its own player
+    return 0;
+  }
+  if (g_slot.handler != nullptr && picture != nullptr)
     g_slot.handler(g_slot.context, Picture{picture, size, width, height, stamp});
   return 0;
 }
@@ -64,6 +71,11 @@ LibrarySession::~LibrarySession() {
 
 int32_t LibrarySession::Play(int32_t handle) const {
   return TQ_Play(handle, DeliverPicture, SESSION_USER);
+}
+
+int32_t LibrarySession::PlayFrom(int32_t handle, uint32_t seconds) const {
+  g_slot.pendingSeek.store(seconds > 0 ? static_cast<int32_t>(seconds) : -1);
+  return Play(handle);
 }
 
 bool LibrarySession::FileEnded() const { return g_slot.fileEnded.load(); }

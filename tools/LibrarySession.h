@@ -38,6 +38,12 @@ class LibrarySession {
 
   // TQ_Play with the session's callback and user value.
   int32_t Play(int32_t handle) const;
+  // TQ_Play, then a seek to `seconds` on the first picture. A file player
+  // walks to its first key frame before it delivers anything, and a seek
+  // made before that leaves the walk in force (a seek into the last key
+  // frame's group would then play nothing), so the seek waits for the first
+  // picture, which is dropped. The next picture is the one after `seconds`.
+  int32_t PlayFrom(int32_t handle, uint32_t seconds) const;
 
   // Whether a file player has reported its end since the last ClearEnd.
   bool FileEnded() const;

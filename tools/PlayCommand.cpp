@@ -66,12 +66,12 @@ int RunPlay(int argc, char** argv) {
     return CommandError(NAME, "cannot play %s: missing, unreadable or not a TQF file", o.path);
   uint32_t length = 0;
   TQ_GetFileTime(handle, &length);
-  if (o.start > 0 && TQ_SetPlayTime(handle, static_cast<int32_t>(o.start)) != 0) {
+  if (o.start > 0 && o.start >= length) {
     TQ_CloseFile(handle);
-    return CommandError(NAME, "cannot seek to %u s", o.start);
+    return CommandError(NAME, "--start %u is past the end of %s (%u s)", o.start, o.path, length);
   }
   ProgressMeter progress;
-  session.Play(handle);
+  session.PlayFrom(handle, o.start);
   PlayEnd end = WaitForEnd(session, sink, o, length, progress);
   TQ_CloseFile(handle);  // no picture arrives after this
   progress.Clear();
@@ -107,7 +107,8 @@ extern const Command PLAY_COMMAND = {
     "  --y4m OUT        write every picture to a YUV4MPEG2 video (ffplay, mpv play it)\n"
     "  --png DIR        write PNG stills to DIR (made if missing), named by picture number\n"
     "  --every N        a still every N pictures (default 25: one a second)\n"
-    "  --start SECONDS  seek with TQ_SetPlayTime before playing\n"
+    "  --start SECONDS  seek there with TQ_SetPlayTime once the first key frame is met;\n"
+    "                   the pictures begin with the frame after that time\n"
     "  --realtime       deliver 25 pictures a second, paced in the picture callback\n"
     "  --timeout SECS   give up when no picture comes for this long (default 10);\n"
     "                   a file without key frames plays nothing and never ends\n"

@@ -22,11 +22,15 @@ double ProgressMeter::Elapsed() const {
 
 void ProgressMeter::Show(double position, double length) {
   if (!terminal_) return;
+  if (!shown_) {
+    shown_ = true;
+    firstPosition_ = position;
+  }
   auto now = std::chrono::steady_clock::now();
   if (now - lastDrawn_ < REDRAW_INTERVAL) return;
   lastDrawn_ = now;
   double elapsed = Elapsed();
-  double speed = elapsed > 0 ? position / elapsed : 0;
+  double speed = elapsed > 0 ? (position - firstPosition_) / elapsed : 0;
   char bar[BAR_WIDTH + 1] = {};
   if (length > 0) {
     double done = position >= length ? 1.0 : position / length;

@@ -14,7 +14,7 @@ class ProgressMeter {
 
   // Redraws the bar, at most ten times a second: `position` and `length` in
   // seconds of media (a `length` of 0 draws no bar, for a live source), and
-  // the speed against real time since construction.
+  // the speed: media seconds advanced since the first Show, per second.
   void Show(double position, double length);
   // Erases the bar, before any other line is printed.
   void Clear();
@@ -28,4 +28,6 @@ class ProgressMeter {
   std::chrono::steady_clock::time_point lastDrawn_;
   bool terminal_;
   bool drawn_ = false;
+  bool shown_ = false;
+  double firstPosition_ = 0;
 };

@@ -138,8 +138,7 @@ class ViewSource {
       return false;
     }
     TQ_GetFileTime(handle_, &length_);
-    if (o_.start > 0) TQ_SetPlayTime(handle_, static_cast<int32_t>(o_.start));
-    session_.Play(handle_);
+    session_.PlayFrom(handle_, o_.start);
     return true;
   }
 

@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "AudioCommand.h"
 #include "Command.h"
+#include "ExportCommand.h"
 #include "ImportCommand.h"
 #include "InfoCommand.h"
 #include "PlayCommand.h"
@@ -18,6 +20,8 @@ const Command* const COMMANDS[] = {
     &PLAY_COMMAND,
     &STREAM_COMMAND,
     &VIEW_COMMAND,
+    &EXPORT_COMMAND,
+    &AUDIO_COMMAND,
 };
 
 bool IsHelpOption(const char* argument) {

@@ -12,6 +12,9 @@ add_executable(tqfplay
   tools/PlayCommand.cpp
   tools/StreamCommand.cpp
   tools/ViewCommand.cpp
+  tools/ExportCommand.cpp
+  tools/AudioCommand.cpp
+  tools/MediaSource.cpp
   tools/LibrarySession.cpp
   tools/PictureSink.cpp
   tools/StreamFeeder.cpp

@@ -1,5 +1,6 @@
 /* A complete host of TQFPlay: plays a TQF file to its end and counts the
  * pictures. Build with pkg-config or CMake (see README.md). */
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>

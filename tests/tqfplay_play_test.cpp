@@ -1,0 +1,212 @@
+// play, stream and view end to end: the built tqfplay on the demo sample in a
+// temporary folder, its outputs compared with the pictures the library gives
+// a host of its own (PlayThroughLibrary).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "ImageFile.h"
+#include "PictureReference.h"
+#include "TQFReader.h"
+#include "ToolRunner.h"
+
+namespace {
+
+constexpr uint32_t DEMO_PICTURES = 250;  // every video frame of the sample is indexed
+constexpr int DEMO_WIDTH = 640;
+constexpr int DEMO_HEIGHT = 352;
+
+const std::string DEMO = SAMPLES + "demo.tqf";
+
+// The library's pictures of the demo sample, played once for all tests.
+const PictureRun& DemoReference() {
+  static const PictureRun run = PlayThroughLibrary(DEMO);
+  return run;
+}
+
+class PlayTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    const PictureRun& reference = DemoReference();
+    ASSERT_TRUE(reference.ended);
+    ASSERT_EQ(reference.hashes.size(), DEMO_PICTURES);
+  }
+  // The tail of the reference from picture `first` on.
+  static std::vector<uint64_t> ReferenceFrom(size_t first) {
+    const std::vector<uint64_t>& all = DemoReference().hashes;
+    return std::vector<uint64_t>(all.begin() + static_cast<long>(first), all.end());
+  }
+};
+
+TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4M) {
+  struct Case {
+    const char* options;
+    size_t firstPicture;
+  };
+  const Case cases[] = {
+      {"", 0},
+      // The seek decodes up to the frame of that time; the next picture is
+      // the frame after it.
+      {"--start 8", 8 * 25 + 1},
+      {"--start 9", 9 * 25 + 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options);
+    std::string y4m = folder_.File("out.y4m");
+    RunResult r = Tool("play " + Quote(DEMO) + " --y4m " + Quote(y4m) + " " + c.options);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    PictureRun out = ReadY4M(y4m);
+    EXPECT_EQ(out.width, DEMO_WIDTH);
+    EXPECT_EQ(out.height, DEMO_HEIGHT);
+    EXPECT_EQ(out.hashes, ReferenceFrom(c.firstPicture));
+    EXPECT_NE(r.out.find("play: " + std::to_string(DEMO_PICTURES - c.firstPicture) + " pictures"),
+              std::string::npos)
+        << r.out;
+  }
+}
+
+TEST_F(PlayTest, RealtimePlayTakesTheFilesDuration) {
+  auto start = std::chrono::steady_clock::now();
+  RunResult r = Tool("play " + Quote(DEMO) + " --start 8 --realtime");
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_GE(seconds, 1.9);  // 49 pictures at 25 a second
+  EXPECT_NE(r.out.find("play: 49 pictures"), std::string::npos) << r.out;
+}
+
+TEST_F(PlayTest, PngStillsDecodeWithThePictureSize) {
+  std::string stills = folder_.File("stills");
+  RunResult r = Tool("play " + Quote(DEMO) + " --png " + Quote(stills) + " --every 50");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  for (int n = 0; n < 250; n += 50) {
+    char name[32];
+    std::snprintf(name, sizeof name, "/%06d.png", n);
+    SCOPED_TRACE(name);
+    RgbImage image = DecodePng(stills + name);
+    EXPECT_EQ(image.width, DEMO_WIDTH);
+    EXPECT_EQ(image.height, DEMO_HEIGHT);
+  }
+  EXPECT_TRUE(ReadWholeFile(stills + "/000001.png").empty());  // only every 50th
+  // A still is the library's picture, converted to RGB and packed losslessly.
+  RgbImage still = DecodePng(stills + "/000000.png");
+  EXPECT_LT(MeanDifference(still.rgb, I420ToRgb(DemoReference().first, DEMO_WIDTH, DEMO_HEIGHT)),
+            0.5);
+}
+
+TEST_F(PlayTest, StreamDeliversEveryFrameWhateverTheChunks) {
+  const char* feeds[] = {"--random-chunks --seed 7", "--chunk 1", "--chunk 4194304"};
+  for (const char* feed : feeds) {
+    SCOPED_TRACE(feed);
+    std::string y4m = folder_.File("stream.y4m");
+    RunResult r = Tool("stream " + Quote(DEMO) + " " + feed + " --y4m " + Quote(y4m));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(ReadY4M(y4m).hashes, DemoReference().hashes);
+    EXPECT_EQ(r.err.find("gave no picture"), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(PlayTest, StreamRecordingPlaysBack) {
+  struct Case {
+    const char* options;
+    uint32_t firstFrame;  // of the sample, where the recording starts
+  };
+  const Case cases[] = {
+      {"", 0},
+      {"--record-after 4", 100},  // the next key frame after 4 s of video
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options);
+    std::string recorded = folder_.File("recorded.tqf");
+    RunResult r = Tool("stream " + Quote(DEMO) + " --random-chunks --record " + Quote(recorded) +
+                       " " + c.options);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    // A recording holds video only; its last frame is not indexed.
+    uint32_t indexed = DEMO_PICTURES - c.firstFrame - 1;
+    RunResult info = Tool("info --json " + Quote(recorded));
+    ASSERT_EQ(info.exitCode, 0) << info.err;
+    EXPECT_NE(info.out.find("\"stream\":0,\"indexed\":true,\"frames\":" + std::to_string(indexed) +
+                            ","),
+              std::string::npos)
+        << info.out;
+    std::string y4m = folder_.File("replay.y4m");
+    r = Tool("play " + Quote(recorded) + " --y4m " + Quote(y4m));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::vector<uint64_t> expected = ReferenceFrom(c.firstFrame);
+    expected.pop_back();
+    EXPECT_EQ(ReadY4M(y4m).hashes, expected);
+  }
+}
+
+TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
+  std::string notTqf = folder_.File("not.tqf");
+  ASSERT_TRUE(WriteWholeFile(notTqf, std::vector<uint8_t>(100, 0x41)));
+  std::string noKeys = folder_.File("nokeys.tqf");
+  {
+    // The sample with every key flag cleared: it plays nothing and never ends.
+    std::vector<uint8_t> bytes = ReadWholeFile(DEMO);
+    TQFReader::ScanFrames(
+        bytes.data(), static_cast<uint32_t>(bytes.size()),
+        [](const ScannedFrame& frame, void* context) {
+          auto* b = static_cast<std::vector<uint8_t>*>(context);
+          (*b)[frame.syncOffset + 5] &= static_cast<uint8_t>(~1);  // bit 8 of info
+          return true;
+        },
+        &bytes, nullptr);
+    ASSERT_TRUE(WriteWholeFile(noKeys, bytes));
+  }
+  const std::string missing = Quote(folder_.File("missing.tqf"));
+  const std::string unwritable = Quote(folder_.File("no/such/folder/out"));
+  struct Case {
+    std::string arguments;
+    const char* message;
+    int exitCode;
+  };
+  const Case cases[] = {
+      {"play", "missing arguments", 2},
+      {"play " + Quote(DEMO) + " --every 0", "bad value '0' for --every", 2},
+      {"play " + Quote(DEMO) + " --start -1", "bad value '-1' for --start", 2},
+      {"play " + Quote(DEMO) + " --start 10", "past the end", 1},
+      {"play " + Quote(DEMO) + " --y4m", "--y4m needs a value", 2},
+      {"play " + Quote(DEMO) + " extra", "unexpected argument 'extra'", 2},
+      {"play " + missing, "missing, unreadable or not a TQF file", 1},
+      {"play " + Quote(notTqf), "not a TQF file", 1},
+      {"play " + Quote(DEMO) + " --y4m " + unwritable, "cannot write", 1},
+      {"play " + Quote(DEMO) + " --png " + unwritable, "cannot make folder", 1},
+      {"play " + Quote(noKeys) + " --timeout 1", "no picture for 1 s", 1},
+      {"stream " + missing, "missing, unreadable or not a TQF file", 1},
+      {"stream " + Quote(DEMO) + " --chunk 5000000", "--chunk is at most", 2},
+      {"stream " + Quote(DEMO) + " --chunk 10 --random-chunks", "exclude each other", 2},
+      {"stream " + Quote(DEMO) + " --record " + unwritable, "cannot write", 1},
+      {"stream " + Quote(noKeys) + " --timeout 1", "gave no picture", 1},
+      {"view " + missing + " --autoexit", "", 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    RunResult r = Shell("DISPLAY= SDL_VIDEODRIVER=offscreen " + TOOL + " " + c.arguments);
+    EXPECT_EQ(r.exitCode, c.exitCode);
+    EXPECT_EQ(Lines(r.err), 1) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(PlayTest, ViewerShowsTheSampleUnderXvfb) {
+  if (Shell("command -v xvfb-run").exitCode != 0) GTEST_SKIP() << "xvfb-run is not installed";
+  std::string shot = folder_.File("shot.png");
+  // The last second of the file, then the window quits and is read back.
+  RunResult r = Shell("TQFPLAY_VIEW_SNAPSHOT=" + Quote(shot) +
+                      " xvfb-run -a -s '-screen 0 800x600x24' " + TOOL + " view --start 9 --autoexit " +
+                      Quote(DEMO));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  RgbImage image = DecodePng(shot);
+  ASSERT_EQ(image.width, DEMO_WIDTH);
+  ASSERT_EQ(image.height, DEMO_HEIGHT);
+  EXPECT_GT(Spread(image.rgb), 20.0);  // a test picture, not a blank window
+  // The window shows the file's last picture; SDL's colour conversion is not
+  // bit-exact with libswscale's, so they are compared by mean difference.
+  std::vector<uint8_t> expected = I420ToRgb(DemoReference().last, DEMO_WIDTH, DEMO_HEIGHT);
+  EXPECT_LT(MeanDifference(image.rgb, expected), 6.0);
+}
+
+}  // namespace

@@ -1,0 +1,373 @@
+// tqfplay export: TQF to MP4 or Matroska with libavformat.
+//
+// Video: the frames' payloads become packets as they are, 40 ms apart, from
+// the first key frame on (nothing before it decodes). H.264 goes in Annex B
+// form with the key frame's SPS and PPS as extradata, which both muxers turn
+// into their own form; Motion JPEG goes into Matroska only.
+// Audio: stream 1's G.726 decoded by the library's module to 16-bit PCM at
+// 8 kHz mono, kept as PCM in Matroska and encoded to AAC (libavcodec's
+// native encoder) in MP4. Packets of both streams go out in time order.
+#include "ExportCommand.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+}
+
+#include "AvError.h"
+#include "MediaSource.h"
+#include "Options.h"
+
+namespace {
+
+constexpr const char NAME[] = "export";
+constexpr AVRational VIDEO_TIME_BASE{1, static_cast<int>(TQF_FRAMES_PER_SECOND)};
+constexpr AVRational AUDIO_TIME_BASE{1, G726_SAMPLE_RATE};
+constexpr int64_t AAC_BIT_RATE = 32000;
+constexpr uint8_t H264_NAL_IDR = 5;
+constexpr uint8_t H264_NAL_NON_IDR = 1;
+
+bool EndsWith(const std::string& text, const char* suffix) {
+  size_t n = std::strlen(suffix);
+  return text.size() >= n && text.compare(text.size() - n, n, suffix) == 0;
+}
+
+// The Annex B prefix of an H.264 key frame up to its first slice: the SPS
+// and PPS (and any SEI) that a muxer needs as extradata. Empty if none.
+std::vector<uint8_t> ParameterSets(const uint8_t* data, uint32_t length) {
+  for (uint32_t i = 0; i + 3 < length; ++i) {
+    if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+    uint8_t type = data[i + 3] & 0x1F;
+    if (type != H264_NAL_IDR && type != H264_NAL_NON_IDR) continue;
+    uint32_t end = i > 0 && data[i - 1] == 0 ? i - 1 : i;  // a four-byte start code
+    return std::vector<uint8_t>(data, data + end);
+  }
+  return {};
+}
+
+struct FormatContextFree {
+  void operator()(AVFormatContext* f) const {
+    if (f->pb != nullptr) avio_closep(&f->pb);
+    avformat_free_context(f);
+  }
+};
+struct CodecContextFree {
+  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameFree {
+  void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketFree {
+  void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+
+// One export: the source, the muxer and, for MP4, the AAC encoder.
+class Exporter {
+ public:
+  Exporter(MediaSource& source, const char* outPath) : source_(source), outPath_(outPath) {}
+
+  // The whole export; after a failure, no part of the output file is left.
+  bool Run(std::string* error) {
+    bool done = OpenMuxer(error) && AddVideo(error) && AddAudio(error) && WriteHeader(error) &&
+                WritePackets(error) && Finish(error);
+    if (!done && created_) {
+      muxer_.reset();
+      std::remove(outPath_.c_str());
+    }
+    return done;
+  }
+
+  uint32_t VideoPackets() const { return videoWritten_; }
+  int64_t AudioSamples() const { return audioSamples_; }
+
+ private:
+  bool Fail(std::string* error, const std::string& what, int code) {
+    *error = what + ": " + AvError(code);
+    return false;
+  }
+
+  bool OpenMuxer(std::string* error) {
+    mp4_ = EndsWith(outPath_, ".mp4");
+    if (!mp4_ && !EndsWith(outPath_, ".mkv")) {
+      *error = "the output must end in .mp4 or .mkv";
+      return false;
+    }
+    AVFormatContext* muxer = nullptr;
+    int result = avformat_alloc_output_context2(&muxer, nullptr, mp4_ ? "mp4" : "matroska",
+                                                outPath_.c_str());
+    if (result < 0) return Fail(error, "muxer", result);
+    muxer_.reset(muxer);
+    return true;
+  }
+
+  bool AddVideo(std::string* error) {
+    if (!source_.HasVideo()) {
+      *error = "the file has no video frames";
+      return false;
+    }
+    const MediaDescriptor& video = source_.Video();
+    AVCodecID codec = AV_CODEC_ID_NONE;
+    if (video.compression == FOURCC_H264) codec = AV_CODEC_ID_H264;
+    if (video.compression == FOURCC_JPEG && !mp4_) codec = AV_CODEC_ID_MJPEG;
+    if (codec == AV_CODEC_ID_NONE) {
+      *error = video.compression == FOURCC_JPEG ? "Motion JPEG goes into .mkv only"
+                                                : "only H.264 and Motion JPEG video can be exported";
+      return false;
+    }
+    while (firstFrame_ < source_.VideoFrames() && !IsKey(firstFrame_)) ++firstFrame_;
+    if (firstFrame_ == source_.VideoFrames()) {
+      *error = "the video has no key frame";
+      return false;
+    }
+    videoStream_ = avformat_new_stream(muxer_.get(), nullptr);
+    if (videoStream_ == nullptr) return Fail(error, "video stream", AVERROR(ENOMEM));
+    AVCodecParameters* p = videoStream_->codecpar;
+    p->codec_type = AVMEDIA_TYPE_VIDEO;
+    p->codec_id = codec;
+    p->width = video.width;
+    p->height = video.height;
+    p->format = codec == AV_CODEC_ID_H264 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUVJ422P;
+    videoStream_->time_base = VIDEO_TIME_BASE;
+    videoStream_->avg_frame_rate = AVRational{VIDEO_TIME_BASE.den, 1};
+    return codec != AV_CODEC_ID_H264 || SetParameterSets(p, error);
+  }
+
+  bool IsKey(uint32_t frame) {
+    const uint8_t* payload;
+    uint32_t length;
+    bool key = false;
+    return source_.ReadVideo(frame, &payload, &length, &key) && key;
+  }
+
+  bool SetParameterSets(AVCodecParameters* p, std::string* error) {
+    const uint8_t* payload;
+    uint32_t length;
+    bool key;
+    source_.ReadVideo(firstFrame_, &payload, &length, &key);
+    std::vector<uint8_t> sets = ParameterSets(payload, length);
+    if (sets.empty()) {
+      *error = "the first H.264 key frame carries no SPS and PPS";
+      return false;
+    }
+    p->extradata = static_cast<uint8_t*>(av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (p->extradata == nullptr) return Fail(error, "extradata", AVERROR(ENOMEM));
+    std::memcpy(p->extradata, sets.data(), sets.size());
+    p->extradata_size = static_cast<int>(sets.size());
+    return true;
+  }
+
+  bool AddAudio(std::string* error) {
+    if (!source_.HasAudio()) return true;
+    audioStream_ = avformat_new_stream(muxer_.get(), nullptr);
+    if (audioStream_ == nullptr) return Fail(error, "audio stream", AVERROR(ENOMEM));
+    audioStream_->time_base = AUDIO_TIME_BASE;
+    AVCodecParameters* p = audioStream_->codecpar;
+    if (!mp4_) {
+      p->codec_type = AVMEDIA_TYPE_AUDIO;
+      p->codec_id = AV_CODEC_ID_PCM_S16LE;
+      p->sample_rate = G726_SAMPLE_RATE;
+      p->ch_layout = AV_CHANNEL_LAYOUT_MONO;
+      p->bits_per_coded_sample = 16;
+      p->format = AV_SAMPLE_FMT_S16;
+      return true;
+    }
+    return OpenAac(p, error);
+  }
+
+  bool OpenAac(AVCodecParameters* p, std::string* error) {
+    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    if (codec == nullptr) return Fail(error, "aac encoder", AVERROR_ENCODER_NOT_FOUND);
+    aac_.reset(avcodec_alloc_context3(codec));
+    if (!aac_) return Fail(error, "aac encoder", AVERROR(ENOMEM));
+    aac_->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    aac_->sample_rate = G726_SAMPLE_RATE;
+    aac_->ch_layout = AV_CHANNEL_LAYOUT_MONO;
+    aac_->bit_rate = AAC_BIT_RATE;
+    aac_->time_base = AUDIO_TIME_BASE;
+    if (muxer_->oformat->flags & AVFMT_GLOBALHEADER) aac_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    int result = avcodec_open2(aac_.get(), codec, nullptr);
+    if (result < 0) return Fail(error, "aac encoder", result);
+    result = avcodec_parameters_from_context(p, aac_.get());
+    if (result < 0) return Fail(error, "aac parameters", result);
+    return true;
+  }
+
+  bool WriteHeader(std::string* error) {
+    int result = avio_open(&muxer_->pb, outPath_.c_str(), AVIO_FLAG_WRITE);
+    if (result < 0) return Fail(error, "cannot write " + outPath_, result);
+    created_ = true;
+    result = avformat_write_header(muxer_.get(), nullptr);
+    if (result < 0) return Fail(error, "header of " + outPath_, result);
+    packet_.reset(av_packet_alloc());
+    if (!packet_) return Fail(error, "packet", AVERROR(ENOMEM));
+    return true;
+  }
+
+  // Video frames in order, each after the audio that comes before it.
+  bool WritePackets(std::string* error) {
+    for (uint32_t frame = firstFrame_; frame < source_.VideoFrames(); ++frame) {
+      int64_t pts = frame - firstFrame_;
+      // Audio up to this frame's time, in samples.
+      int64_t due = av_rescale_q(pts, VIDEO_TIME_BASE, AUDIO_TIME_BASE);
+      if (!WriteAudioUntil(due, error) || !WriteVideo(frame, pts, error)) return false;
+    }
+    return WriteAudioUntil(INT64_MAX, error) && FlushAac(error);
+  }
+
+  bool WriteVideo(uint32_t frame, int64_t pts, std::string* error) {
+    const uint8_t* payload;
+    uint32_t length;
+    bool key;
+    if (!source_.ReadVideo(frame, &payload, &length, &key) || length == 0) return true;
+    av_packet_unref(packet_.get());
+    int result = av_new_packet(packet_.get(), static_cast<int>(length));
+    if (result < 0) return Fail(error, "packet", result);
+    std::memcpy(packet_->data, payload, length);
+    packet_->pts = packet_->dts = pts;
+    packet_->duration = 1;
+    packet_->flags = key ? AV_PKT_FLAG_KEY : 0;
+    packet_->stream_index = videoStream_->index;
+    ++videoWritten_;
+    return Write(VIDEO_TIME_BASE, error);
+  }
+
+  // Sends packet_ (in `timeBase`) to the muxer.
+  bool Write(AVRational timeBase, std::string* error) {
+    AVStream* stream = muxer_->streams[packet_->stream_index];
+    av_packet_rescale_ts(packet_.get(), timeBase, stream->time_base);
+    int result = av_interleaved_write_frame(muxer_.get(), packet_.get());
+    if (result < 0) return Fail(error, "writing " + outPath_, result);
+    return true;
+  }
+
+  bool WriteAudioUntil(int64_t due, std::string* error) {
+    if (audioStream_ == nullptr) return true;
+    while (audioSamples_ < due && !audioDone_) {
+      if (!source_.NextAudio(&pcm_)) {
+        audioDone_ = true;
+        break;
+      }
+      bool written = mp4_ ? EncodeAac(pcm_.data(), pcm_.size(), error) : WritePcm(error);
+      if (!written) return false;
+      audioSamples_ += static_cast<int64_t>(pcm_.size());
+    }
+    return true;
+  }
+
+  bool WritePcm(std::string* error) {
+    av_packet_unref(packet_.get());
+    int bytes = static_cast<int>(pcm_.size() * sizeof(int16_t));
+    int result = av_new_packet(packet_.get(), bytes);
+    if (result < 0) return Fail(error, "packet", result);
+    std::memcpy(packet_->data, pcm_.data(), static_cast<size_t>(bytes));
+    packet_->pts = packet_->dts = audioSamples_;
+    packet_->duration = static_cast<int64_t>(pcm_.size());
+    packet_->stream_index = audioStream_->index;
+    return Write(AUDIO_TIME_BASE, error);
+  }
+
+  // Collects samples into encoder frames of the encoder's size.
+  bool EncodeAac(const int16_t* samples, size_t count, std::string* error) {
+    for (size_t i = 0; i < count; ++i) {
+      pending_.push_back(samples[i] / 32768.0f);
+      if (pending_.size() == static_cast<size_t>(aac_->frame_size) && !SendAac(error)) return false;
+    }
+    return true;
+  }
+
+  bool SendAac(std::string* error) {
+    std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
+    if (!frame) return Fail(error, "audio frame", AVERROR(ENOMEM));
+    frame->format = AV_SAMPLE_FMT_FLTP;
+    frame->sample_rate = G726_SAMPLE_RATE;
+    frame->ch_layout = AV_CHANNEL_LAYOUT_MONO;
+    frame->nb_samples = static_cast<int>(pending_.size());
+    int result = av_frame_get_buffer(frame.get(), 0);
+    if (result < 0) return Fail(error, "audio frame", result);
+    std::memcpy(frame->data[0], pending_.data(), pending_.size() * sizeof(float));
+    frame->pts = aacPts_;
+    aacPts_ += frame->nb_samples;
+    pending_.clear();
+    return SendToAac(frame.get(), error);
+  }
+
+  // Gives the encoder a frame (null: the end) and writes what it returns.
+  bool SendToAac(const AVFrame* frame, std::string* error) {
+    int result = avcodec_send_frame(aac_.get(), frame);
+    if (result < 0) return Fail(error, "aac encoder", result);
+    for (;;) {
+      av_packet_unref(packet_.get());
+      result = avcodec_receive_packet(aac_.get(), packet_.get());
+      if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return true;
+      if (result < 0) return Fail(error, "aac encoder", result);
+      packet_->stream_index = audioStream_->index;
+      if (!Write(aac_->time_base, error)) return false;
+    }
+  }
+
+  bool FlushAac(std::string* error) {
+    if (!aac_) return true;
+    if (!pending_.empty() && !SendAac(error)) return false;
+    return SendToAac(nullptr, error);
+  }
+
+  bool Finish(std::string* error) {
+    int result = av_write_trailer(muxer_.get());
+    if (result < 0) return Fail(error, "finishing " + outPath_, result);
+    result = avio_closep(&muxer_->pb);
+    if (result < 0) return Fail(error, "closing " + outPath_, result);
+    return true;
+  }
+
+  MediaSource& source_;
+  std::string outPath_;
+  bool mp4_ = false;
+  bool created_ = false;
+  std::unique_ptr<AVFormatContext, FormatContextFree> muxer_;
+  std::unique_ptr<AVCodecContext, CodecContextFree> aac_;
+  std::unique_ptr<AVPacket, PacketFree> packet_;
+  AVStream* videoStream_ = nullptr;
+  AVStream* audioStream_ = nullptr;
+  uint32_t firstFrame_ = 0;
+  uint32_t videoWritten_ = 0;
+  std::vector<int16_t> pcm_;
+  std::vector<float> pending_;
+  int64_t audioSamples_ = 0;
+  int64_t aacPts_ = 0;
+  bool audioDone_ = false;
+};
+
+int RunExport(int argc, char** argv) {
+  const char* paths[2] = {};
+  if (!ParseOptions(NAME, argc, argv, nullptr, 0, paths, 2, 2)) return EXIT_USAGE;
+  MediaSource source;
+  std::string error;
+  if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
+  av_log_set_level(AV_LOG_ERROR);  // the encoder's statistics are no message
+  Exporter exporter(source, paths[1]);
+  if (!exporter.Run(&error)) return CommandError(NAME, "%s", error.c_str());
+  std::printf("%s: %s: %u video frames (%.2f s), %.2f s of audio\n", NAME, paths[1],
+              exporter.VideoPackets(), exporter.VideoPackets() * (TQF_FRAME_DURATION_MS / 1000.0),
+              exporter.AudioSamples() / static_cast<double>(G726_SAMPLE_RATE));
+  return 0;
+}
+
+}  // namespace
+
+extern const Command EXPORT_COMMAND = {
+    NAME, "remux to MP4 or MKV, the audio decoded (AAC or PCM)",
+    "usage: tqfplay export FILE OUT.mp4|OUT.mkv\n"
+    "\n"
+    "Copies the video without re-encoding (H.264 into MP4 or MKV, Motion JPEG into\n"
+    "MKV), 40 ms a frame from the first key frame on, and decodes the G.726 audio\n"
+    "with the library's decoder: AAC in MP4, 16-bit PCM in MKV. Any player opens\n"
+    "and seeks the result.\n",
+    RunExport,
+};

@@ -1,0 +1,48 @@
+// MediaSource: a TQF file opened for export and audio, which work on the
+// engine's reader rather than on a player: the video stream's descriptor,
+// its frames in order, and the G.726 audio of stream 1 decoded to 16-bit
+// PCM by the library's own G.726 module.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "G726.h"
+#include "TQFReader.h"
+
+// The audio the G.726 module decodes: 8000 samples a second, mono.
+constexpr int G726_SAMPLE_RATE = 8000;
+// The record type of a G.726 audio stream.
+constexpr uint32_t G726_RECORD_TYPE = 100;
+
+class MediaSource {
+ public:
+  // Maps and indexes `path`. False with a message for a file that is
+  // missing or not TQF.
+  bool Open(const char* path, std::string* error);
+
+  // Record 0 is a picture descriptor with at least one video frame.
+  bool HasVideo() const { return hasVideo_; }
+  const MediaDescriptor& Video() const { return video_; }
+  uint32_t VideoFrames() const { return reader_.index[TQF_STREAM_VIDEO].count; }
+  // Video frame `frame`'s payload (valid until the next call) and whether it
+  // is a key frame. False if the frame cannot be read.
+  bool ReadVideo(uint32_t frame, const uint8_t** payload, uint32_t* length, bool* keyFrame);
+
+  // Record 1 is G.726 audio with at least one audio frame.
+  bool HasAudio() const { return hasAudio_; }
+  uint32_t AudioFrames() const { return reader_.index[TQF_STREAM_AUDIO].count; }
+  // The PCM of the next audio frame, in file order, two samples a byte; the
+  // decoder's state runs on from frame to frame. False after the last one.
+  bool NextAudio(std::vector<int16_t>* samples);
+
+ private:
+  TQFReader reader_;
+  MediaDescriptor video_{};
+  bool hasVideo_ = false;
+  bool hasAudio_ = false;
+  std::vector<uint8_t> buffer_;
+  G726State audioState_{};
+  uint32_t nextAudio_ = 0;
+};
