@@ -194,8 +194,16 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
 TEST_F(PlayTest, ViewerShowsTheSampleUnderXvfb) {
   if (Shell("command -v xvfb-run").exitCode != 0) GTEST_SKIP() << "xvfb-run is not installed";
   std::string shot = folder_.File("shot.png");
+#if defined(__SANITIZE_ADDRESS__)
+  // SDL's X11 and D-Bus libraries keep allocations at exit from modules the
+  // leak checker cannot name; the tool's own code is leak-checked by the
+  // play, stream and export runs.
+  const std::string env = "ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" ";
+#else
+  const std::string env;
+#endif
   // The last second of the file, then the window quits and is read back.
-  RunResult r = Shell("TQFPLAY_VIEW_SNAPSHOT=" + Quote(shot) +
+  RunResult r = Shell(env + "TQFPLAY_VIEW_SNAPSHOT=" + Quote(shot) +
                       " xvfb-run -a -s '-screen 0 800x600x24' " + TOOL + " view --start 9 --autoexit " +
                       Quote(DEMO));
   ASSERT_EQ(r.exitCode, 0) << r.err;
