@@ -1,10 +1,14 @@
-// The text of a libav* error code, for one-line messages.
+// Small libav* helpers of the tool: the text of an error code for one-line
+// messages, and owners that free the libraries' objects on every path.
 #pragma once
 
+#include <memory>
 #include <string>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavutil/error.h>
+#include <libavutil/frame.h>
 }
 
 inline std::string AvError(int code) {
@@ -12,3 +16,16 @@ inline std::string AvError(int code) {
   av_strerror(code, text, sizeof text);
   return text;
 }
+
+struct CodecContextFree {
+  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameFree {
+  void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketFree {
+  void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
+using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;

@@ -58,15 +58,6 @@ struct FormatContextFree {
     avformat_free_context(f);
   }
 };
-struct CodecContextFree {
-  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-  void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-  void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
 
 // One export: the source, the muxer and, for MP4, the AAC encoder.
 class Exporter {
@@ -283,7 +274,7 @@ class Exporter {
   }
 
   bool SendAac(std::string* error) {
-    std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
+    FramePtr frame(av_frame_alloc());
     if (!frame) return Fail(error, "audio frame", AVERROR(ENOMEM));
     frame->format = AV_SAMPLE_FMT_FLTP;
     frame->sample_rate = G726_SAMPLE_RATE;
@@ -331,8 +322,8 @@ class Exporter {
   bool mp4_ = false;
   bool created_ = false;
   std::unique_ptr<AVFormatContext, FormatContextFree> muxer_;
-  std::unique_ptr<AVCodecContext, CodecContextFree> aac_;
-  std::unique_ptr<AVPacket, PacketFree> packet_;
+  CodecContextPtr aac_;
+  PacketPtr packet_;
   AVStream* videoStream_ = nullptr;
   AVStream* audioStream_ = nullptr;
   uint32_t firstFrame_ = 0;

@@ -15,15 +15,6 @@ extern "C" {
 
 namespace {
 
-struct CodecContextFree {
-  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-  void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-  void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
 struct SwsFree {
   void operator()(SwsContext* s) const { sws_freeContext(s); }
 };
@@ -55,9 +46,9 @@ bool WritePng(const char* path, const uint8_t* const planes[4], const int stride
               int32_t width, int32_t height, int format, std::string* error) {
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
   if (codec == nullptr) return Fail(error, "png encoder", "missing from libavcodec");
-  std::unique_ptr<AVCodecContext, CodecContextFree> encoder(avcodec_alloc_context3(codec));
-  std::unique_ptr<AVFrame, FrameFree> rgb(av_frame_alloc());
-  std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+  CodecContextPtr encoder(avcodec_alloc_context3(codec));
+  FramePtr rgb(av_frame_alloc());
+  PacketPtr packet(av_packet_alloc());
   if (!encoder || !rgb || !packet) return Fail(error, "png encoder", "out of memory");
   encoder->width = width;
   encoder->height = height;
