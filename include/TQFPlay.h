@@ -141,10 +141,12 @@ TQ_API int32_t TQ_Play(int32_t handle, PictureCallback callback, uint32_t user);
  * -1 for an unknown handle. */
 TQ_API int32_t TQ_Stop(int32_t handle);
 
-/* Seeks a file to `seconds` (past the end: to its last frame). The next
- * picture delivered is the frame at that time, decoded from the key frame
- * before it. -1 for an unknown handle, a stream's handle or negative
- * `seconds`. */
+/* Seeks a file to `seconds` (past the end: to its last frame): the frame at
+ * that time (25 a second) is decoded silently, from the key frame before it,
+ * and the next picture delivered is the frame after it. A player that has not
+ * yet met a key frame still walks on to the next key frame before it
+ * delivers. May be called from the file's own callback. -1 for an unknown
+ * handle, a stream's handle or negative `seconds`. */
 TQ_API int32_t TQ_SetPlayTime(int32_t handle, int32_t seconds);
 
 /* The file's play position in whole seconds. -1 for an unknown handle or a
