@@ -25,19 +25,19 @@ const OptionSpec* FindSpec(const OptionSpec* specs, size_t count, const char* na
   return nullptr;
 }
 
-// Stores the value of `spec` from `text`; false if it does not parse.
-bool StoreValue(const OptionSpec& spec, const char* text) {
-  switch (spec.kind) {
+// Stores the value of `rule` from `text`; false if it does not parse.
+bool StoreValue(const OptionSpec& rule, const char* text) {
+  switch (rule.kind) {
     case OptionKind::FLAG:
-      *static_cast<bool*>(spec.value) = true;
+      *static_cast<bool*>(rule.value) = true;
       return true;
     case OptionKind::TEXT:
-      *static_cast<const char**>(spec.value) = text;
+      *static_cast<const char**>(rule.value) = text;
       return *text != '\0';
     case OptionKind::COUNT:
-      return ParseWholeNumber(text, 1, static_cast<uint32_t*>(spec.value));
+      return ParseWholeNumber(text, 1, static_cast<uint32_t*>(rule.value));
     case OptionKind::NUMBER:
-      return ParseWholeNumber(text, 0, static_cast<uint32_t*>(spec.value));
+      return ParseWholeNumber(text, 0, static_cast<uint32_t*>(rule.value));
   }
   return false;
 }
@@ -58,20 +58,20 @@ bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* 
       positional[positionals++] = argument;
       continue;
     }
-    const OptionSpec* spec = FindSpec(specs, specCount, argument);
-    if (spec == nullptr) {
+    const OptionSpec* rule = FindSpec(specs, specCount, argument);
+    if (rule == nullptr) {
       CommandError(command, "unknown option '%s' (see --help)", argument);
       return false;
     }
     const char* text = nullptr;
-    if (spec->kind != OptionKind::FLAG) {
+    if (rule->kind != OptionKind::FLAG) {
       if (i + 1 == argc) {
         CommandError(command, "%s needs a value", argument);
         return false;
       }
       text = argv[++i];
     }
-    if (!StoreValue(*spec, text)) {
+    if (!StoreValue(*rule, text)) {
       CommandError(command, "bad value '%s' for %s", text, argument);
       return false;
     }
