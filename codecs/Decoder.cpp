@@ -7,6 +7,7 @@
 #include "G726Decoder.h"
 #include "H264Decoder.h"
 #include "JPEGDecoder.h"
+#include "LibavLog.h"
 
 Decoder::~Decoder() = default;
 
@@ -40,6 +41,7 @@ constexpr FactoryEntry FACTORY[] = {
 }  // namespace
 
 Decoder* CreateDecoder(bool video, uint32_t key) {
+  RouteLibavLogToDebugSink();
   for (const FactoryEntry& entry : FACTORY)
     if (entry.video == video && entry.key == key) return entry.make();
   return nullptr;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "FaultGuard.h"
 #include "Paths.h"
 
 // ---- FrameIndex ----------------------------------------------------------
@@ -53,31 +54,50 @@ void FrameIndex::Clear() {
 
 namespace {
 
+// One record of the header block, as the walk found it.
+struct RecordSpan {
+  uint64_t head;  // offset of the record's head
+  uint32_t type;
+  uint32_t length;
+};
+
+// Walks the records by their lengths, in 64-bit sums, up to record `number`.
+// False if the count is 0 or above 16, `number` is not below it, or any
+// record up to `number` runs past `size`. Both the index scan and GetRecord
+// stand on this one check.
+bool FindRecord(const uint8_t* data, uint64_t size, uint32_t number, RecordSpan* span) {
+  if (data == nullptr || size < TQF_FILE_HEADER_SIZE) return false;
+  const uint32_t recordCount = LoadU32(data + offsetof(TQFFileHeader, recordCount));
+  if (recordCount == 0 || recordCount > TQF_READER_MAX_RECORDS || number >= recordCount)
+    return false;
+  uint64_t position = TQF_FILE_HEADER_SIZE;
+  for (uint32_t i = 0;; ++i) {
+    if (size - position < TQF_RECORD_HEAD_SIZE) return false;
+    const uint32_t length = LoadU32(data + position + offsetof(TQFRecord, recordLength));
+    if (size - position - TQF_RECORD_HEAD_SIZE < length) return false;
+    if (i == number) {
+      *span = RecordSpan{position, LoadU32(data + position), length};
+      return true;
+    }
+    position += uint64_t{TQF_RECORD_HEAD_SIZE} + length;
+  }
+}
+
 // The offset just past the records, or 0 if the count or the lengths do not
 // fit the file.
 uint64_t RecordsEnd(const uint8_t* data, uint64_t size) {
   if (data == nullptr || size < TQF_FILE_HEADER_SIZE) return 0;
-  uint32_t recordCount = LoadU32(data + offsetof(TQFFileHeader, recordCount));
-  if (recordCount == 0 || recordCount > TQF_READER_MAX_RECORDS) return 0;
-  uint64_t position = TQF_FILE_HEADER_SIZE;
-  for (uint32_t i = 0; i < recordCount; ++i) {
-    if (size - position < TQF_RECORD_HEAD_SIZE) return 0;
-    position += TQF_RECORD_HEAD_SIZE + LoadU32(data + position + offsetof(TQFRecord, recordLength));
-    if (position > size) return 0;
-  }
-  return position;
+  RecordSpan last;
+  const uint32_t recordCount = LoadU32(data + offsetof(TQFFileHeader, recordCount));
+  if (recordCount == 0 || !FindRecord(data, size, recordCount - 1, &last)) return 0;
+  return last.head + TQF_RECORD_HEAD_SIZE + last.length;
 }
 
-}  // namespace
-
-bool TQFReader::ScanFrames(const uint8_t* data, uint32_t size, FrameVisitor visit, void* context,
-                           FrameScanSummary* summary) {
-  uint64_t position = RecordsEnd(data, size);
-  if (position == 0) return false;
-  if (summary != nullptr) *summary = FrameScanSummary{static_cast<uint32_t>(position), 0};
-  // Positions are held against the size as signed 32-bit numbers: from
-  // 2 GiB on the size is negative and no position lies below it.
-  const uint64_t end = static_cast<int32_t>(size) < 0 ? 0 : size;
+// The frames from `position` (just past the records) on; ScanFrames runs it
+// under the fault guard.
+void WalkFrames(const uint8_t* data, uint64_t size, uint64_t position, FrameVisitor visit,
+                void* context, FrameScanSummary* summary) {
+  const uint64_t end = size;
   while (position < end) {
     uint64_t sync = FindFrameSync(data, position, end);
     if (summary != nullptr) summary->skippedBytes += (sync < end ? sync : end) - position;
@@ -86,16 +106,29 @@ bool TQFReader::ScanFrames(const uint8_t* data, uint32_t size, FrameVisitor visi
     // The frame head counts only if it lies wholly inside the file.
     if (end - position < sizeof(TQFFrameHeader)) break;
     ScannedFrame frame;
-    frame.syncOffset = static_cast<uint32_t>(sync);
+    frame.syncOffset = sync;
     frame.entry.info = LoadU32(data + position);
     frame.entry.stamp = LoadU32(data + position + 4);
-    frame.entry.payloadOffset = static_cast<uint32_t>(position + sizeof(TQFFrameHeader));
-    frame.entry.reserved = 0;
+    frame.entry.payloadOffset = position + sizeof(TQFFrameHeader);
     position += sizeof(TQFFrameHeader) + FramePayloadLength(frame.entry.info);
     // A frame is kept only if at least one byte of the file follows it.
     if (position >= end) break;
     if (!visit(frame, context)) break;
   }
+}
+
+}  // namespace
+
+bool TQFReader::ScanFrames(const uint8_t* data, uint64_t size, FrameVisitor visit, void* context,
+                           FrameScanSummary* summary) {
+  uint64_t position = 0;
+  auto findRecordsEnd = [&] { position = RecordsEnd(data, size); };
+  if (!RunGuarded(findRecordsEnd) || position == 0) return false;
+  if (summary != nullptr) *summary = FrameScanSummary{position, 0};
+  // A fault means the file ends earlier than it did when mapped: what was
+  // walked stands, as at any other end.
+  auto walk = [&] { WalkFrames(data, size, position, visit, context, summary); };
+  RunGuarded(walk);
   return true;
 }
 
@@ -115,6 +148,7 @@ bool TQFReader::Open(const char* path) {
 
 void TQFReader::Close() {
   MappedFile::Close();
+  recordCount_ = 0;
   if (!sidePath.empty()) {
     if (IsFileExist(sidePath.c_str())) unlink(sidePath.c_str());
     sidePath.clear();
@@ -124,6 +158,7 @@ void TQFReader::Close() {
 bool TQFReader::BuildIndex() {
   index[0].Clear();
   index[1].Clear();
+  recordCount_ = 0;
   auto addToIndex = [](const ScannedFrame& frame, void* context) {
     uint32_t stream = FrameStreamNumber(frame.entry.info);
     // Streams 2 to 15 are outside the format and have no index.
@@ -131,33 +166,31 @@ bool TQFReader::BuildIndex() {
       static_cast<TQFReader*>(context)->index[stream].Append(frame.entry);  // a failure skips one
     return true;
   };
-  return ScanFrames(static_cast<const uint8_t*>(view), fileSize, addToIndex, this, nullptr);
-}
-
-uint32_t TQFReader::RecordCount() const {
-  if (view == nullptr || fileSize < TQF_FILE_HEADER_SIZE) return 0;
-  return LoadU32(static_cast<const uint8_t*>(view) + offsetof(TQFFileHeader, recordCount));
+  if (!ScanFrames(static_cast<const uint8_t*>(view), fileSize, addToIndex, this, nullptr))
+    return false;
+  TQFFileHeader header;
+  if (!Read(0, &header, sizeof header)) return false;
+  recordCount_ = header.recordCount;
+  return true;
 }
 
 bool TQFReader::GetRecord(int32_t number, uint32_t* type, uint8_t* buffer, int32_t* length) {
   if (number < 0 || number > TQF_MAX_RECORD_INDEX || length == nullptr) return false;
   if (static_cast<uint32_t>(number) >= RecordCount()) return false;
-  const auto* data = static_cast<const uint8_t*>(view);
-  uint64_t position = TQF_FILE_HEADER_SIZE;
-  for (int32_t i = 0;; ++i) {
-    if (fileSize - position < TQF_RECORD_HEAD_SIZE) return false;
-    uint32_t recordLength = LoadU32(data + position + offsetof(TQFRecord, recordLength));
-    if (fileSize - position - TQF_RECORD_HEAD_SIZE < recordLength) return false;
-    if (i == number) {
-      if (static_cast<int32_t>(recordLength) > *length) return false;
-      *length = static_cast<int32_t>(recordLength);
-      if (buffer != nullptr)
-        std::memcpy(buffer, data + position + TQF_RECORD_HEAD_SIZE, recordLength);
-      if (type != nullptr) *type = LoadU32(data + position);
-      return true;
-    }
-    position += TQF_RECORD_HEAD_SIZE + recordLength;
-  }
+  RecordSpan span{};
+  bool found = false;
+  auto find = [&] {
+    found = FindRecord(static_cast<const uint8_t*>(view), fileSize, static_cast<uint32_t>(number),
+                       &span);
+  };
+  if (!RunGuarded(find) || !found) return false;
+  if (span.length > static_cast<uint32_t>(INT32_MAX) || static_cast<int32_t>(span.length) > *length)
+    return false;
+  if (buffer != nullptr && !Read(span.head + TQF_RECORD_HEAD_SIZE, buffer, span.length))
+    return false;
+  *length = static_cast<int32_t>(span.length);
+  if (type != nullptr) *type = span.type;
+  return true;
 }
 
 const FrameIndexEntry* TQFReader::FindEntry(int32_t stream, int32_t frame) const {
@@ -175,9 +208,8 @@ bool TQFReader::ReadFrame(int32_t stream, int32_t frame, TQFFrameHeader* header,
   if (entry == nullptr || length == nullptr) return false;
   uint32_t payloadLength = FramePayloadLength(entry->info);
   if (payloadLength > *length) return false;
+  if (buffer != nullptr && !Read(entry->payloadOffset, buffer, payloadLength)) return false;
   *length = payloadLength;
-  if (buffer != nullptr)
-    std::memcpy(buffer, static_cast<const uint8_t*>(view) + entry->payloadOffset, payloadLength);
   if (header != nullptr) *header = TQFFrameHeader{entry->info, entry->stamp};
   return true;
 }
@@ -188,13 +220,12 @@ bool TQFReader::IsKeyFrame(int32_t stream, int32_t frame) {
 }
 
 bool TQFReader::GetHeader(uint8_t* buffer, int32_t* length) {
-  if (view == nullptr || fileSize < TQF_FILE_HEADER_SIZE || length == nullptr) return false;
-  const auto* data = static_cast<const uint8_t*>(view);
-  uint64_t blockLength =
-      uint64_t{LoadU32(data + offsetof(TQFFileHeader, headerLength))} + TQF_RECORD_HEAD_SIZE;
-  if (*length < 0 || blockLength > static_cast<uint64_t>(*length) || blockLength > fileSize)
-    return false;
-  if (buffer != nullptr) std::memcpy(buffer, data, blockLength);
+  if (view == nullptr || length == nullptr || *length < 0) return false;
+  TQFFileHeader header;
+  if (!Read(0, &header, sizeof header)) return false;
+  const uint64_t blockLength = uint64_t{header.headerLength} + TQF_RECORD_HEAD_SIZE;
+  if (blockLength > static_cast<uint64_t>(*length) || blockLength > fileSize) return false;
+  if (buffer != nullptr && !Read(0, buffer, blockLength)) return false;
   *length = static_cast<int32_t>(blockLength);
   return true;
 }
@@ -245,13 +276,15 @@ bool TQFReader::LoadSideIndexFile() {
   if (!side.Open(sidePath.c_str(), 0, 0, 0, 0, nullptr, 0) || side.view == nullptr) return false;
   if (side.fileSize < sizeof sideHeader || side.fileSize % sizeof(FrameIndexEntry) != 0)
     return false;
-  uint32_t entryCount = (side.fileSize - sizeof sideHeader) / sizeof(FrameIndexEntry);
+  const uint64_t entryCount64 = (side.fileSize - sizeof sideHeader) / sizeof(FrameIndexEntry);
+  if (entryCount64 > UINT32_MAX) return false;
+  const uint32_t entryCount = static_cast<uint32_t>(entryCount64);
   sideIndex.Clear();
   if (entryCount != 0 && !sideIndex.Grow(entryCount)) return false;
-  const auto* data = static_cast<const uint8_t*>(side.view);
-  std::memcpy(sideHeader, data, sizeof sideHeader);
-  if (entryCount != 0)
-    std::memcpy(sideIndex.entries, data + sizeof sideHeader, side.fileSize - sizeof sideHeader);
+  if (!side.Read(0, sideHeader, sizeof sideHeader)) return false;
+  if (entryCount != 0 &&
+      !side.Read(sizeof sideHeader, sideIndex.entries, side.fileSize - sizeof sideHeader))
+    return false;
   sideIndex.count = entryCount;
   return true;
 }

@@ -10,11 +10,14 @@
 // and step over the payload by its length (a payload is never searched). A
 // frame is indexed only if at least one byte of the file follows it, so the
 // last frame of a file is never indexed. Frames of streams 2 to 15 are
-// dropped. Positions are compared with the size as signed 32-bit numbers, so
-// files of 2 GiB or more index no frames; files of 4 GiB or more do not open.
+// dropped. Positions and sizes are 64-bit: a file of any size that can be
+// mapped opens and indexes in full.
 //
 // Whatever the bytes say, no read leaves the mapping: records or frame heads
-// that run past the end, and sync words cut by the end, end the scan.
+// that run past the end, and sync words cut by the end, end the scan. And no
+// read may kill the process when another process shortens the file under the
+// mapping: every copy out of it is guarded, a read that faults is a failed
+// read, and a scan that faults ends where it was.
 //
 // No lock: after Open the index and the mapping do not change.
 #pragma once
@@ -28,8 +31,7 @@
 struct FrameIndexEntry {
   uint32_t info;
   uint32_t stamp;
-  uint32_t payloadOffset;  // file offset of the first payload byte
-  uint32_t reserved;       // 0
+  uint64_t payloadOffset;  // file offset of the first payload byte
 };
 static_assert(sizeof(FrameIndexEntry) == 16);
 
@@ -66,7 +68,7 @@ struct FrameIndex {
 
 // One frame the scan met, in file order, of any stream number.
 struct ScannedFrame {
-  uint32_t syncOffset;  // file offset of the frame's sync word
+  uint64_t syncOffset;  // file offset of the frame's sync word
   FrameIndexEntry entry;
 };
 
@@ -75,7 +77,7 @@ typedef bool (*FrameVisitor)(const ScannedFrame& frame, void* context);
 
 // What the scan saw besides the frames.
 struct FrameScanSummary {
-  uint32_t recordsEnd;    // offset just past the last record
+  uint64_t recordsEnd;    // offset just past the last record
   uint64_t skippedBytes;  // bytes stepped over one at a time looking for a sync word
 };
 
@@ -87,7 +89,8 @@ class TQFReader : public MappedFile {
   // Maps `path` read-only and builds the index. False if a file is mapped
   // already, `path` is null, the mapping fails, or BuildIndex fails (the file
   // is empty, shorter than its header, has a record count of 0 or above 16,
-  // or records running past its end); the reader is closed after a failure.
+  // or records running past its end), or `path` is not a regular file; the
+  // reader is closed after a failure.
   bool Open(const char* path);
 
   // Ends the mapping and deletes the side index file if there is one. The
@@ -97,14 +100,17 @@ class TQFReader : public MappedFile {
   // Record `number` (0 to 15, below recordCount): its type into `*type`
   // (if not null), its payload into `buffer` and its length into `*length`.
   // False, with `*length` unchanged, if the payload is longer than `*length`
-  // (a signed comparison) or the record lies past the end of the file. A null
-  // `buffer` asks for type and length only.
+  // (a signed comparison), the record lies past the end of the file, or the
+  // file was cut short under the mapping. A null `buffer` asks for type and
+  // length only.
   bool GetRecord(int32_t number, uint32_t* type, uint8_t* buffer, int32_t* length);
 
   // Frame `frame` of stream `stream` (0 to 15, below recordCount): the payload
   // into `buffer` (if not null), its length into `*length`, info and stamp
   // into `*header`. False, with `*length` unchanged, if the payload is longer
-  // than `*length`. A null `buffer` asks for size and header only.
+  // than `*length`; false if the file was cut short under the payload (the
+  // buffer then holds an unknown part of it). A null `buffer` asks for size
+  // and header only.
   bool ReadFrame(int32_t stream, int32_t frame, TQFFrameHeader* header, uint8_t* buffer,
                  uint32_t* length);
 
@@ -127,8 +133,14 @@ class TQFReader : public MappedFile {
   // Walks the frames of the file image `data` of `size` bytes by the rules
   // above and hands each frame that would be indexed to `visit`. False if the
   // header block is unusable; `summary` (if not null) gets what was skipped.
-  static bool ScanFrames(const uint8_t* data, uint32_t size, FrameVisitor visit, void* context,
+  // The walk runs under the fault guard: if `data` is a mapping whose file
+  // was cut short, it ends at the cut.
+  static bool ScanFrames(const uint8_t* data, uint64_t size, FrameVisitor visit, void* context,
                          FrameScanSummary* summary);
+
+  // The number of records the header block counts, read at Open; 0 when no
+  // file is mapped.
+  uint32_t RecordCount() const { return recordCount_; }
 
   uint8_t sideHeader[16] = {};
   FrameIndex sideIndex;
@@ -137,10 +149,10 @@ class TQFReader : public MappedFile {
 
  private:
   bool BuildIndex();
-  // The record count of the mapped file, 0 if nothing is mapped.
-  uint32_t RecordCount() const;
   // The entry of a frame, or null where ReadFrame refuses the numbers.
   const FrameIndexEntry* FindEntry(int32_t stream, int32_t frame) const;
   bool WriteSideIndexFile(int fd);
   bool LoadSideIndexFile();
+
+  uint32_t recordCount_ = 0;
 };

@@ -1,5 +1,8 @@
 #include "TQFWriter.h"
 
+#include <stdio_ext.h>
+#include <unistd.h>
+
 bool TQFWriter::Create(const char* newPath, int32_t append) {
   if (file != nullptr || newPath == nullptr) return false;
   if (append == 0) {
@@ -56,9 +59,22 @@ bool TQFWriter::WriteFrame(const TQFFrameHeader* header, const void* payload, ui
          fwrite(payload, length, 1, file) == 1;
 }
 
-void TQFWriter::Close() {
-  if (file != nullptr) fclose(file);
+bool TQFWriter::WriteFrameFlushed(const TQFFrameHeader* header, const void* payload,
+                                  uint32_t length) {
+  if (file == nullptr) return false;
+  const long start = ftell(file);
+  if (start >= 0 && WriteFrame(header, payload, length) && fflush(file) == 0) return true;
+  // Drop what the stream still buffers, then cut the file back.
+  __fpurge(file);
+  clearerr(file);
+  if (start >= 0 && ftruncate(fileno(file), start) == 0) fseek(file, start, SEEK_SET);
+  return false;
+}
+
+bool TQFWriter::Close() {
+  const bool written = file == nullptr || fclose(file) == 0;
   file = nullptr;
   path.clear();
   framesStarted = 0;
+  return written;
 }

@@ -48,8 +48,15 @@ class TQFWriter {
   // false. Closes the header for further records.
   bool WriteFrame(const TQFFrameHeader* header, const void* payload, uint32_t length);
 
-  // Closes the file. Harmless when closed.
-  void Close();
+  // WriteFrame, then hands the frame to the system at once, for a recording
+  // that must learn of a full disk at the frame that met it. On any failure
+  // the file is cut back to where the frame began, so that it never holds a
+  // part of a frame, and false comes back.
+  bool WriteFrameFlushed(const TQFFrameHeader* header, const void* payload, uint32_t length);
+
+  // Closes the file: false if what was still buffered could not be written.
+  // Harmless (true) when closed.
+  bool Close();
 
   FILE* file = nullptr;
   std::string path;

@@ -43,11 +43,15 @@ int32_t FileGetFileTime(PlayerCore* player, uint32_t* seconds) {
   return 0;
 }
 
+// (frameIndex * 40) / 1000 in signed 32-bit arithmetic, the product wrapping
+// as a 32-bit word would: a file played past 53,687,091 frames reads negative.
 int32_t FileGetPlayTime(PlayerCore* player, uint32_t* seconds) {
-  if (seconds)
-    *seconds = static_cast<uint32_t>(
-        static_cast<FilePlayer*>(player)->frameIndex.load(std::memory_order_relaxed) * FRAME_MS /
-        1000);
+  if (seconds) {
+    const uint32_t frame = static_cast<uint32_t>(
+        static_cast<FilePlayer*>(player)->frameIndex.load(std::memory_order_relaxed));
+    const int32_t milliseconds = static_cast<int32_t>(frame * static_cast<uint32_t>(FRAME_MS));
+    *seconds = static_cast<uint32_t>(milliseconds / 1000);
+  }
   return 0;
 }
 

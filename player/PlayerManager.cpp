@@ -26,7 +26,17 @@ const PlayerKind* PlayerKindOf(int32_t kind) {
 }
 
 PlayerManager::~PlayerManager() {
-  for (PlayerTableEntry* e = table.data; e != table.end; ++e) DestroyHolder(e->holder);
+  // Each entry leaves the table before its player is destroyed, under the
+  // lock for just that step: a callback still running on a later stream's
+  // worker may call an export on this handle, and must find it gone.
+  for (;;) {
+    tableLock.LockExclusive(0);
+    PlayerHolder* holder = table.count != 0 ? table.data[0].holder : nullptr;
+    if (holder != nullptr) table.RemoveAt(0);
+    tableLock.Unlock();
+    if (holder == nullptr) break;
+    DestroyHolder(holder);
+  }
   table.Clear();
 }
 

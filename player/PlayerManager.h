@@ -7,7 +7,8 @@
 //              destruction), TQ_CloseStream (lookup and removal only);
 //   shared     every other operation that names a handle, for its whole call;
 //   try-shared a file player's tick.
-// TQ_Initial, TQ_Free and the exit-time teardown take no lock.
+// TQ_Initial takes no lock; TQ_Free and the exit-time teardown take the
+// exclusive lock only to take each entry out of the table.
 #pragma once
 
 #include <cstdint>
@@ -56,7 +57,9 @@ struct PlayerManager {
   int32_t nextHandle = 0;
 
   PlayerManager() = default;
-  // Destroys every player left, in handle order, with no lock taken.
+  // Destroys every player left, in handle order. Each entry is taken out of
+  // the table (under the exclusive lock for that step only) before its player
+  // is destroyed outside the lock.
   ~PlayerManager();
   PlayerManager(const PlayerManager&) = delete;
   PlayerManager& operator=(const PlayerManager&) = delete;

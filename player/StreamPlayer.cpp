@@ -12,6 +12,11 @@ namespace {
 constexpr int32_t FRAME_HEAD_SIZE = static_cast<int32_t>(TQF_FRAME_HEAD_SIZE);
 constexpr int32_t BLOCK_HEAD_SIZE = 8;  // a queued frame: info, stamp, payload
 
+// The user word of a frame queued for recording: the recording's generation,
+// and a flag for a frame lost to the recording just before this one.
+constexpr uint32_t RECORD_GAP_FLAG = 0x80000000u;
+constexpr uint32_t RECORD_GENERATION_MASK = 0x7FFFFFFFu;
+
 // A payload above 524,288 bytes is refused on a live stream.
 bool LengthAllowed(uint32_t info) { return FramePayloadLength(info) <= TQF_STREAM_MAX_FRAME_PAYLOAD; }
 
@@ -26,6 +31,15 @@ int32_t FindSync(const uint8_t* bytes, int32_t from, int32_t length) {
 uint32_t WorkerMain(void* argument) {
   StreamPlayer* player = static_cast<StreamPlayer*>(argument);
   while (!player->stopWorker.load(std::memory_order_acquire)) player->WorkerStep();
+  return 0;
+}
+
+// Waits for frames only: the parser sets `recorderWake` at each one, and the
+// close sets it after `stopRecorder`.
+uint32_t RecorderMain(void* argument) {
+  StreamPlayer* player = static_cast<StreamPlayer*>(argument);
+  while (!player->stopRecorder.load(std::memory_order_acquire))
+    if (!player->RecordStep()) WaitForSingleObject(player->recorderWake, INFINITE);
   return 0;
 }
 
@@ -72,8 +86,13 @@ StreamPlayer::StreamPlayer(PlayerManager* owner, int32_t playerHandle, const uin
 
 StreamPlayer::~StreamPlayer() {
   StopWorker();
-  recordWriter.Close();
-  recordPath.clear();
+  StopRecorder();
+  {
+    CLockGuard guard(&recordLock);
+    FinishRecording();
+    recordPath.clear();
+  }
+  recordQueue.Close();
   audioQueue.Close();
   videoQueue.Close();
   ReleaseAll();
@@ -86,6 +105,8 @@ void StreamPlayer::ReleaseAll() {
   audioDecoder = nullptr;
   if (workerWake) CloseHandle(workerWake);
   workerWake = nullptr;
+  if (recorderWake) CloseHandle(recorderWake);
+  recorderWake = nullptr;
 }
 
 void StreamPlayer::ValidateHeader(const uint8_t* header, uint32_t size) {
@@ -224,6 +245,8 @@ void StreamPlayer::Dispatch(uint32_t info) {
   if (queue) {
     VBufferQueue& target = stream == 0 ? videoQueue : audioQueue;
     const int32_t blockSize = static_cast<int32_t>(length) + BLOCK_HEAD_SIZE;
+    if (stream == TQF_STREAM_VIDEO && recording.load(std::memory_order_acquire))
+      QueueForRecording(blockSize);
     uint8_t* block = target.PrepareNewBufferAtTail(blockSize, 1, nullptr);
     if (block) {
       memcpy(block, parseBuffer + parseStart + 4, static_cast<size_t>(blockSize));
@@ -268,20 +291,24 @@ bool StreamPlayer::VideoStep() {
   int32_t size = 0;
   uint8_t* block = videoQueue.GetBuffer(nullptr, &size, nullptr);
   if (!block) return true;
-  const uint32_t info = LoadU32(block);
-  const uint32_t stamp = LoadU32(block + 4);
+  // The frame leaves its block before the decode: a held block cannot be
+  // evicted, so a block held through a slow decode or callback would make
+  // the parser refuse the newest frames instead of dropping the oldest. The
+  // release and the removal are one step: an evicting writer between them
+  // would make the removal take the next, unread block.
+  memcpy(frameBuffer, block, static_cast<size_t>(size));
+  videoQueue.ReleaseAndRemoveAtHead(block, 0, nullptr);
+  const uint32_t info = LoadU32(frameBuffer);
+  const uint32_t stamp = LoadU32(frameBuffer + 4);
   const uint32_t length = FramePayloadLength(info);
-  if (recording.load(std::memory_order_acquire)) RecordHook(block, info, length);
   // A payload ending in eight zero bytes is an empty frame: recorded, not
   // decoded. For payloads under eight bytes the test reaches into the header.
   static const uint8_t zeros[8] = {};
-  if (memcmp(block + length, zeros, sizeof zeros) != 0 && videoDecoder) {
-    uint8_t* picture = videoDecoder->Decode(block + BLOCK_HEAD_SIZE, static_cast<int32_t>(length), nullptr);
+  if (memcmp(frameBuffer + length, zeros, sizeof zeros) != 0 && videoDecoder) {
+    uint8_t* picture =
+        videoDecoder->Decode(frameBuffer + BLOCK_HEAD_SIZE, static_cast<int32_t>(length), nullptr);
     if (picture) Deliver(picture, stamp);
   }
-  // One step: an evicting writer between a release and a removal would make
-  // the removal take the next, unread block.
-  videoQueue.ReleaseAndRemoveAtHead(block, 0, nullptr);
   return true;
 }
 
@@ -298,17 +325,86 @@ bool StreamPlayer::AudioStep() {
   return result;
 }
 
-void StreamPlayer::RecordHook(const uint8_t* block, uint32_t info, uint32_t length) {
+void StreamPlayer::QueueForRecording(int32_t blockSize) {
+  const uint32_t generation = recordGeneration.load(std::memory_order_acquire);
+  uint8_t* block = recordQueue.PrepareNewBufferAtTail(blockSize, /*evict=*/0, nullptr);
+  if (block == nullptr) {
+    OutputDebugStringA("TQF record queue full, frame lost.\n");
+    recordGap = true;
+    return;
+  }
+  memcpy(block, parseBuffer + parseStart + 4, static_cast<size_t>(blockSize));
+  const uint32_t user = (generation & RECORD_GENERATION_MASK) | (recordGap ? RECORD_GAP_FLAG : 0);
+  recordGap = false;
+  recordQueue.NewBufferAtTail(block, -1, user, 0, 0);
+  SetEvent(recorderWake);
+}
+
+bool StreamPlayer::StartRecorder() {
+  if (recorderThread != nullptr) return true;
+  if (!recordQueue.IsOpen() && !recordQueue.Open(STREAM_RECORD_QUEUE_SIZE, nullptr, nullptr, 4))
+    return false;
+  if (recorderWake == nullptr) recorderWake = CreateEventA(nullptr, 0, 0, nullptr);
+  if (recorderWake == nullptr) return false;
+  recorderThread = CreateThread(nullptr, 0, RecorderMain, this, 0, nullptr);
+  return recorderThread != nullptr;
+}
+
+void StreamPlayer::StopRecorder() {
+  if (recorderThread == nullptr) return;
+  stopRecorder.store(true, std::memory_order_release);
+  SetEvent(recorderWake);
+  WaitForSingleObject(recorderThread, INFINITE);
+  CloseHandle(recorderThread);
+  recorderThread = nullptr;
+}
+
+bool StreamPlayer::RecordStep() {
   CLockGuard guard(&recordLock);
-  if (recordWriter.file == nullptr && recordWriter.Create(recordPath.c_str(), 0))
-    recordWriter.AddRecord(LoadU32(descriptor + 16), descriptor, TQF_MEDIA_DESCRIPTOR_SIZE);
+  return WriteQueuedFrame();
+}
+
+bool StreamPlayer::WriteQueuedFrame() {
+  if (!recordQueue.IsOpen()) return false;
+  int32_t size = 0;
+  uint32_t user = 0;
+  uint8_t* block = recordQueue.GetBuffer(nullptr, &size, &user);
+  if (block == nullptr) return false;
+  const uint32_t generation = recordGeneration.load(std::memory_order_relaxed);
+  if ((user & RECORD_GENERATION_MASK) == (generation & RECORD_GENERATION_MASK)) {
+    if (user & RECORD_GAP_FLAG) awaitRecordKey = true;  // resume on a whole picture
+    const uint32_t info = LoadU32(block);
+    RecordHook(block, info, FramePayloadLength(info));
+  }
+  recordQueue.ReleaseAndRemoveAtHead(block, 0, nullptr);
+  return true;
+}
+
+void StreamPlayer::FinishRecording() {
+  while (WriteQueuedFrame()) {
+  }
+  if (recordWriter.file != nullptr && !recordWriter.Close())
+    OutputDebugStringA("TQF record write failed.\n");
+  recordGeneration.fetch_add(1, std::memory_order_release);
+}
+
+void StreamPlayer::RecordHook(const uint8_t* block, uint32_t info, uint32_t length) {
+  if (recordWriter.file == nullptr && recordWriter.Create(recordPath.c_str(), 0) &&
+      recordWriter.AddRecord(LoadU32(descriptor + 16), descriptor, TQF_MEDIA_DESCRIPTOR_SIZE) < 0) {
+    OutputDebugStringA("TQF record write failed.\n");
+    recordWriter.Close();
+  }
   if (recordWriter.file == nullptr) return;  // tried again at the next video frame
   if (awaitRecordKey) {
     if (!IsKeyFrameInfo(info)) return;
     awaitRecordKey = false;
   }
   const TQFFrameHeader frame{info, LoadU32(block + 4)};
-  recordWriter.WriteFrame(&frame, block + BLOCK_HEAD_SIZE, length);
+  if (!recordWriter.WriteFrameFlushed(&frame, block + BLOCK_HEAD_SIZE, length)) {
+    // The file holds whole frames only; it goes on from the next key frame.
+    OutputDebugStringA("TQF record write failed.\n");
+    awaitRecordKey = true;
+  }
 }
 
 int32_t StreamPlayer::StartRecord(const char* path) {
@@ -316,7 +412,9 @@ int32_t StreamPlayer::StartRecord(const char* path) {
   if (path == nullptr) return -1;
   CLockGuard guard(&recordLock);
   if (recording.load() && recordPath == path) return 0;
-  if (recordWriter.file != nullptr) recordWriter.Close();
+  if (!StartRecorder()) return -1;
+  recording.store(false, std::memory_order_release);
+  FinishRecording();
   recordPath = path;
   awaitRecordKey = true;
   recording.store(true, std::memory_order_release);
@@ -326,8 +424,8 @@ int32_t StreamPlayer::StartRecord(const char* path) {
 int32_t StreamPlayer::StopRecord() {
   if (!playing.load(std::memory_order_acquire)) return 0;
   CLockGuard guard(&recordLock);
-  if (recordWriter.file != nullptr) recordWriter.Close();
-  recordPath.clear();
   recording.store(false, std::memory_order_release);
+  FinishRecording();
+  recordPath.clear();
   return 0;
 }

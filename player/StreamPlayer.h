@@ -1,16 +1,23 @@
 // StreamPlayer: plays a live TQF stream that the host feeds in pieces.
 //
-// Three parts do the work:
+// Four parts do the work:
 //   - the parser, on the feeding thread under `lock`: splits bytes into
 //     frames, resynchronises on damage, drops what comes before the first key
 //     frame, and queues each frame (header words and payload) at the tail of
 //     `videoQueue` or `audioQueue`, evicting the oldest frames when full;
-//   - the worker, a thread of the player's own from open to close: takes the
-//     oldest video frame, runs the record hook, decodes it in place and hands
-//     the picture to the host's callback with no lock held; audio frames are
-//     taken and dropped;
+//     while a recording runs it also queues each video frame in `recordQueue`;
+//   - the worker, a thread of the player's own from open to close: copies the
+//     oldest video frame out of its block and lets the block go, so that the
+//     parser can always evict the oldest frames, then decodes it and hands the
+//     picture to the host's callback with no lock held; audio frames are taken
+//     and dropped;
+//   - the recorder, a thread started by the first recording: writes the frames
+//     of `recordQueue` to the file. A slow decoder or callback therefore never
+//     costs the recording a frame; only a disk that cannot keep up does, and
+//     then the recording goes on from the next key frame;
 //   - record control: TQ_StartRecord and TQ_StopRecord set the stage under
-//     `recordLock`, and the worker writes the file.
+//     `recordLock`; both first write out the frames queued for the recording
+//     that ends, so that every frame fed before the stop is in its file.
 //
 // The worker sleeps on `workerWake` when both queues are empty; the parser
 // signals it when it queues a frame while the worker sleeps. The wait's
@@ -32,9 +39,14 @@
 constexpr int32_t PARSE_BUFFER_SIZE = 4194304;
 constexpr int32_t STREAM_VIDEO_QUEUE_SIZE = 33554432;
 constexpr int32_t STREAM_AUDIO_QUEUE_SIZE = 524288;
+constexpr int32_t STREAM_RECORD_QUEUE_SIZE = 16777216;
 constexpr uint32_t MAX_IDLE_WAIT_MS = 128;
 
 struct StreamPlayer : PlayerCore {
+  // Guards the recording: `awaitRecordKey`, `recordPath`, `recordWriter` and
+  // the changes of `recording` and `recordGeneration`. Taken by record control
+  // on the host's thread and by the recorder for the write of one frame;
+  // never together with `lock`.
   CRecursiveLock recordLock;
   bool lostSync = false;
   int32_t parseLength = 0;
@@ -49,10 +61,22 @@ struct StreamPlayer : PlayerCore {
   VBufferQueue videoQueue{1, 0};
   VBufferQueue audioQueue{1, 0};
   uint32_t openTick;
+  // Set by record control (release) once the recorder runs; read by the
+  // parser (acquire) at every video frame.
   std::atomic<bool> recording{false};
   bool awaitRecordKey = false;
   std::string recordPath;
   TQFWriter recordWriter;
+  // Which recording the frames being queued belong to: a frame queued with
+  // another number (one that ended meanwhile) is dropped by the recorder.
+  std::atomic<uint32_t> recordGeneration{0};
+  // The parser's own: a frame was lost to the recording since the last one
+  // queued, so the recording must go on from a key frame.
+  bool recordGap = false;
+  VBufferQueue recordQueue{1, 0};  // opened with the recorder
+  HANDLE recorderThread = nullptr;
+  HANDLE recorderWake = nullptr;  // auto-reset, set by the parser per frame
+  std::atomic<bool> stopRecorder{false};
   uint8_t descriptor[TQF_MEDIA_DESCRIPTOR_SIZE];
   // The worker's wake-up: auto-reset, set by the parser when `workerIdle`.
   HANDLE workerWake = nullptr;
@@ -64,8 +88,8 @@ struct StreamPlayer : PlayerCore {
   // and 0 for a size or decoder the player cannot use, having released
   // everything it built.
   StreamPlayer(PlayerManager* owner, int32_t playerHandle, const uint8_t* header, uint32_t size);
-  // Stops the worker (a callback in progress ends first), closes a recording
-  // and drops what is still queued.
+  // Stops the worker (a callback in progress ends first), writes out and
+  // closes a recording, and drops what is still queued.
   ~StreamPlayer();
 
   // Appends bytes and queues every whole frame. -1 for a negative size; 0
@@ -82,6 +106,10 @@ struct StreamPlayer : PlayerCore {
   bool VideoStep();
   bool AudioStep();
 
+  // The recorder's pass: writes the oldest frame queued for recording. False
+  // when none is queued.
+  bool RecordStep();
+
   // The stream kind's entry in the player table.
   static const PlayerKind KIND;
 
@@ -93,6 +121,13 @@ struct StreamPlayer : PlayerCore {
   bool Resynchronise();
   void Dispatch(uint32_t info);
   void Consume(int32_t bytes);
+  void QueueForRecording(int32_t blockSize);
+  bool StartRecorder();
+  void StopRecorder();
+  // With `recordLock` held: writes the frames still queued for the running
+  // recording, then closes its file.
+  void FinishRecording();
+  bool WriteQueuedFrame();
   void RecordHook(const uint8_t* block, uint32_t info, uint32_t length);
   void WakeWorker();
 };

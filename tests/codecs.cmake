@@ -4,7 +4,6 @@
 # baseline, no B-frames, an access unit delimiter before every picture and the
 # parameter sets repeated at every key frame), JPEG by the mjpeg encoder, and
 # the reference pictures by the ffmpeg tool decoding the same files.
-find_program(TQF_FFMPEG ffmpeg REQUIRED)
 set(CODEC_MEDIA ${CMAKE_BINARY_DIR}/media/codecs)
 set(CODEC_MEDIA_FILES)
 

@@ -255,6 +255,17 @@ TEST_F(FilePlayerTest, FileTimeCountsFortyMillisecondsAFrame) {
   }
 }
 
+// The position is (frameIndex * 40) / 1000 in signed 32-bit words, the
+// product wrapping as such a word does.
+TEST_F(FilePlayerTest, PlayTimeWrapsAsThirtyTwoBitArithmetic) {
+  int32_t h = Open(WriteFile(3, [](int) { return true; }), false);
+  for (const auto& [frame, seconds] : {std::pair{60000000, 4293072329u}, {53687091, 2147483u},
+                                       {1000, 40u}, {24, 0u}}) {
+    Player(h)->frameIndex = frame;
+    EXPECT_EQ(PlayTime(h), seconds) << frame;
+  }
+}
+
 class FileSeek : public FilePlayerTest {
  protected:
   void SetUp() override {

@@ -1,6 +1,7 @@
 #include "MappedFile.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -47,17 +48,36 @@ TEST_F(MappedFileTest, RefusesWhatItCannotMap) {
   EXPECT_FALSE(file.Open(missing.c_str(), 0, 0, 0, 0, nullptr, 0));
   EXPECT_EQ(access(missing.c_str(), F_OK), -1);  // nothing created
   EXPECT_FALSE(file.Open(folder_.path().c_str(), 0, 0, 0, 0, nullptr, 0));  // a folder
-  std::string longName(300, 'a');
-  EXPECT_FALSE(file.Open(longName.c_str(), 0, 0, 0, 0, nullptr, 0));
+  // A FIFO with no writer is refused at once instead of blocking the open.
+  std::string fifo = folder_.File("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_FALSE(file.Open(fifo.c_str(), 0, 0, 0, 0, nullptr, 0));
+  EXPECT_FALSE(file.Open(std::string(PATH_MAX, 'a').c_str(), 0, 0, 0, 0, nullptr, 0));
+}
 
-  std::string huge = MakeFile("huge", 16);
-  ASSERT_EQ(truncate(huge.c_str(), off_t{1} << 32), 0);  // sparse, 4 GiB
-  EXPECT_FALSE(file.Open(huge.c_str(), 0, 0, 0, 0, nullptr, 0));
-  EXPECT_EQ(file.fileHandle, -1);
-  ASSERT_EQ(truncate(huge.c_str(), (off_t{1} << 32) - 1), 0);
-  EXPECT_TRUE(file.Open(huge.c_str(), 0, 0, 4096, 0, nullptr, 0));
-  EXPECT_EQ(file.fileSize, 0xFFFFFFFFu);
-  EXPECT_EQ(file.viewLength, 4096u);
+// Sizes are 64-bit, paths as long as the system allows, and a read from a
+// file that another process has cut short fails instead of killing us.
+TEST_F(MappedFileTest, LargeFilesLongPathsAndFilesCutShort) {
+  std::string deep = folder_.path();
+  while (deep.size() < 300) {
+    deep += "/" + std::string(60, 'd');
+    ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+  }
+  std::string huge = deep + "/huge";
+  ASSERT_TRUE(WriteWholeFile(huge, std::vector<uint8_t>(16, 7)));
+  ASSERT_EQ(truncate(huge.c_str(), (off_t{5} << 30) + 3), 0);  // sparse, 5 GiB
+  MappedFile file;
+  ASSERT_TRUE(file.Open(huge.c_str(), 0, 0, 0, 0, nullptr, 0));
+  EXPECT_EQ(file.fileSize, (uint64_t{5} << 30) + 3);
+  EXPECT_STREQ(file.fileName, huge.c_str());
+  uint8_t bytes[4] = {1, 1, 1, 1};
+  ASSERT_TRUE(file.Read(file.fileSize - 4, bytes, 4));
+  EXPECT_EQ(bytes[0] | bytes[3], 0);
+  EXPECT_FALSE(file.Read(file.fileSize - 3, bytes, 4));  // past the end
+  ASSERT_EQ(truncate(huge.c_str(), 4096), 0);
+  EXPECT_FALSE(file.Read(uint64_t{3} << 30, bytes, 4));  // the page is gone: no SIGBUS
+  ASSERT_TRUE(file.Read(8, bytes, 4));
+  EXPECT_EQ(bytes[0], 7);
 }
 
 TEST_F(MappedFileTest, EmptyFileOpensWithoutView) {
@@ -102,7 +122,7 @@ TEST_F(MappedFileTest, MapViewMovesAndClips) {
   EXPECT_EQ(static_cast<const uint8_t*>(file.view)[0], static_cast<uint8_t>(page * 13));
 
   void* view = nullptr;
-  uint32_t length = 0;
+  uint64_t length = 0;
   ASSERT_TRUE(file.MapView(page * 3, 0, &view, &length, 0));
   EXPECT_EQ(view, file.view);
   EXPECT_EQ(length, page + 100);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "CountingDecoder.h"
+#include "wait_test_support.h"
 #include "PictureLog.h"
 #include "OSTime.h"
 #include "PlayerManager.h"
@@ -247,6 +249,69 @@ TEST_F(StreamPlayerTest, CloseWaitsForALongCallbackAndNothingFollowsIt) {
   EXPECT_EQ(g_pictures.Count(), atClose);
 }
 
+// The teardown of a manager (TQ_Free, or the exit of a host that forgot it)
+// takes each player out of the table before destroying it, so a callback
+// still running on a later stream's worker finds an earlier handle gone.
+TEST(StreamTeardown, CallbackDuringTeardownFindsEarlierHandlesGone) {
+  g_pictures.Reset();
+  PlayerManager* manager = new PlayerManager;
+  const Bytes header = VideoHeader("XVID", 352, 288);
+  int32_t first = -1, second = -1;
+  ASSERT_EQ(manager->OpenStream(header.data(), uint32_t(header.size()), &first), 0);
+  ASSERT_EQ(manager->OpenStream(header.data(), uint32_t(header.size()), &second), 0);
+  auto* decoder = new CountingDecoder;
+  decoder->Open(352, 288);
+  static_cast<StreamPlayer*>(manager->Lookup(second)->player)->videoDecoder = decoder;
+  std::atomic<int32_t> stopResult{0};
+  g_pictures.onPicture = [&](const Picture&) {
+    for (uint32_t start = GetTickCount(); GetTickCount() - start < 5000; Sleep(1))
+      if ((stopResult = manager->Stop(first)) == -1) return;
+  };
+  ASSERT_EQ(manager->Play(second, LogPicture, 0), 0);
+  const Bytes frame = Frame(Info(64, KEY, 0), 1, Payload(64));
+  ASSERT_EQ(manager->InputData(second, frame.data(), int32_t(frame.size())), 0);
+  ASSERT_TRUE(Eventually([&] { return g_pictures.inCallback.load(); }));
+  delete manager;
+  EXPECT_EQ(stopResult.load(), -1);
+  g_pictures.Reset();
+}
+
+// A callback that blocks while a burst arrives: the queue keeps the newest
+// frames and drops the oldest, and the recording loses none.
+TEST_F(StreamPlayerTest, BlockedCallbackLosesTheOldestFramesButNotTheRecording) {
+  CountingDecoder* decoder;
+  int32_t h = OpenCounted(&decoder);
+  DiagnosticsCapture capture;
+  std::atomic<bool> release{false};
+  g_pictures.onPicture = [&](const Picture&) {
+    while (!release.load()) Sleep(1);
+  };
+  ASSERT_EQ(manager_.Play(h, LogPicture, 0), 0);
+  const std::string path = dir_ + "_burst.tqf";
+  ASSERT_EQ(manager_.StartRecord(h, path.c_str()), 0);
+  constexpr int FRAMES = 1000;  // 64 MiB against a queue of 32
+  Bytes recorded = VideoHeader("XVID", 352, 288);
+  for (int i = 0; i < FRAMES; ++i) {
+    const Bytes f = Frame(Info(65536, i % 25 == 0 ? KEY : 0, 0), i, IdPayload(65536, uint16_t(i)));
+    recorded.insert(recorded.end(), f.begin(), f.end());
+    ASSERT_EQ(Feed(h, f), 0);
+    if (i % 100 == 99) {  // a disk that keeps up
+      ASSERT_TRUE(Eventually([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
+    }
+  }
+  release = true;
+  ASSERT_TRUE(Eventually([&] { return !g_pictures.Items().empty() &&
+                                      g_pictures.Items().back().id == FRAMES - 1; }));
+  const std::vector<Picture> shown = g_pictures.Items();
+  EXPECT_LT(shown.size(), size_t(FRAMES));
+  for (size_t i = 1; i < shown.size(); ++i) EXPECT_LT(shown[i - 1].id, shown[i].id);
+  for (const std::string& line : capture.Lines()) EXPECT_NE(line, "vBuf is full!\n");
+  ASSERT_EQ(manager_.StopRecord(h), 0);
+  EXPECT_TRUE(ReadFile(path) == recorded);
+  std::remove(path.c_str());
+  g_pictures.Reset();
+}
+
 class StreamRecording : public StreamPlayerTest {
  protected:
   void SetUp() override {
@@ -255,11 +320,12 @@ class StreamRecording : public StreamPlayerTest {
     manager_.Play(h_, LogPicture, 0);
     header_ = VideoHeader("XVID", 352, 288);
   }
-  // Feeds one frame and waits until the worker is done with it.
+  // Feeds one frame and waits until the worker and the recorder are done with it.
   void FeedAndDrain(const Bytes& frame) {
     const int before = decoder_->decodes.load();
     Feed(h_, frame);
     ASSERT_TRUE(Eventually([&] { return decoder_->decodes.load() == before + 1; }));
+    ASSERT_TRUE(Eventually([&] { return Player(h_)->recordQueue.GetBufferCount() == 0; }));
   }
   std::string Path(const char* name) {
     paths_.push_back(dir_ + "_" + name + ".tqf");
@@ -366,6 +432,17 @@ TEST_F(StreamRecording, NotPlayingIgnoresStartAndStopAndCloseEndsTheFile) {
   EXPECT_TRUE(Player(h_)->recording.load());
   ASSERT_EQ(manager_.CloseStream(h_), 0);  // closes the file
   EXPECT_EQ(ReadFile(trap), Concat({header_, f}));
+}
+
+// A device that fails its writes: each lost frame is told in a debug line.
+TEST_F(StreamRecording, FailedWritesAreToldInADebugLine) {
+  DiagnosticsCapture capture;
+  manager_.StartRecord(h_, "/dev/full");
+  for (int i = 0; i < 3; ++i) FeedAndDrain(Frame(Info(50, KEY, 0), i, Payload(50)));
+  manager_.StopRecord(h_);
+  size_t failures = 0;
+  for (const std::string& line : capture.Lines()) failures += line == "TQF record write failed.\n";
+  EXPECT_EQ(failures, 3u);
 }
 
 TEST_F(StreamRecording, PathThatCannotBeCreatedIsRetriedAtEveryVideoFrame) {

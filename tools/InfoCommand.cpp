@@ -38,7 +38,7 @@ struct StreamInfo {
 
 struct FileInfo {
   const char* path;
-  uint32_t fileSize;
+  uint64_t fileSize;
   TQFFileHeader header;
   std::vector<RecordInfo> records;
   StreamInfo streams[STREAM_COUNT];
@@ -130,9 +130,9 @@ uint64_t TailBytes(const FileInfo& info) {
 
 void PrintText(const FileInfo& info) {
   const TQFFileHeader& h = info.header;
-  std::printf("file %s: %" PRIu32 " bytes\n", info.path, info.fileSize);
+  std::printf("file %s: %" PRIu64 " bytes\n", info.path, info.fileSize);
   std::printf("header: magic \"%s\", headerLength %" PRIu32 ", %" PRIu32
-              " records, frames from offset %" PRIu32 "\n",
+              " records, frames from offset %" PRIu64 "\n",
               FourCCText(h.magic).c_str(), h.headerLength, h.recordCount, info.scan.recordsEnd);
   for (size_t i = 0; i < info.records.size(); ++i) {
     const RecordInfo& r = info.records[i];
@@ -176,9 +176,9 @@ void PrintText(const FileInfo& info) {
 
 void PrintJson(const FileInfo& info) {
   const TQFFileHeader& h = info.header;
-  std::printf("{\"file\":%s,\"size\":%" PRIu32 ",", JsonString(info.path).c_str(), info.fileSize);
+  std::printf("{\"file\":%s,\"size\":%" PRIu64 ",", JsonString(info.path).c_str(), info.fileSize);
   std::printf("\"header\":{\"magic\":%s,\"headerLength\":%" PRIu32 ",\"recordCount\":%" PRIu32
-              ",\"framesOffset\":%" PRIu32 "},",
+              ",\"framesOffset\":%" PRIu64 "},",
               JsonString(FourCCText(h.magic).c_str()).c_str(), h.headerLength, h.recordCount,
               info.scan.recordsEnd);
   std::printf("\"records\":[");
@@ -238,7 +238,8 @@ int RunInfo(int argc, char** argv) {
   FileInfo info{};
   info.path = path;
   info.fileSize = reader.fileSize;
-  std::memcpy(&info.header, reader.view, sizeof info.header);
+  if (!reader.Read(0, &info.header, sizeof info.header))
+    return CommandError(NAME, "%s: the file was cut short while it was read", path);
   if (!ReadRecords(reader, info)) return CommandError(NAME, "%s: unreadable records", path);
   TQFReader::ScanFrames(static_cast<const uint8_t*>(reader.view), reader.fileSize, CountFrame,
                         &info, &info.scan);

@@ -96,7 +96,7 @@ class StreamRun {
       }
       if (LibrarySession::Interrupted()) return CommandError(NAME, "interrupted");
       if (sink_.Failed()) return 1;  // Close tells why
-      StartRecordWhenDue(handle);
+      StartRecordWhenDue(handle, chunk);
       if (TQ_InputData(handle, chunk.data, static_cast<int32_t>(chunk.size)) != 0)
         return CommandError(NAME, "TQ_InputData refused %u bytes", chunk.size);
       feeder_.Advance(chunk);
@@ -113,9 +113,11 @@ class StreamRun {
   }
 
  private:
-  void StartRecordWhenDue(int32_t handle) {
+  // The library records the frames fed after TQ_StartRecord: start before
+  // the chunk that completes the frame at `recordAfter` seconds.
+  void StartRecordWhenDue(int32_t handle, const StreamFeeder::Chunk& chunk) {
     if (o_.recordPath == nullptr || recording_ ||
-        feeder_.FramesFed() < o_.recordAfter * TQF_FRAMES_PER_SECOND)
+        chunk.framesFedAfter <= o_.recordAfter * TQF_FRAMES_PER_SECOND)
       return;
     TQ_StartRecord(handle, o_.recordPath);
     recording_ = true;

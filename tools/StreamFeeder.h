@@ -10,6 +10,9 @@
 //     far, so the queue never fills and no frame is lost;
 //   - real time: a chunk goes out when its first completed video frame is
 //     due, 40 ms after the one before, as from a camera.
+//
+// Chunks are copied out of the mapping (a read that fails because the file
+// was cut short under it ends the feed) and stay valid until the next chunk.
 #pragma once
 
 #include <chrono>
@@ -39,8 +42,8 @@ class StreamFeeder {
   // message for a file that is missing or not TQF.
   bool Open(const char* path, std::string* error);
 
-  const uint8_t* Header() const { return bytes_; }
-  uint32_t HeaderSize() const { return headerSize_; }
+  const uint8_t* Header() const { return header_.data(); }
+  uint32_t HeaderSize() const { return static_cast<uint32_t>(header_.size()); }
   // Video frames the player can deliver: those from the first key frame on
   // whose payload does not end in eight zero bytes (the player skips those).
   uint32_t DeliverableFrames() const { return deliverable_.empty() ? 0 : deliverable_.back(); }
@@ -48,6 +51,8 @@ class StreamFeeder {
   double Length() const { return frameEnds_.size() * 0.04; }
 
   bool Done() const { return offset_ >= size_; }
+  // Whether the file was cut short under the feed.
+  bool Truncated() const { return truncated_; }
   // Video frames complete in the bytes fed so far.
   uint32_t FramesFed() const { return framesFed_; }
   // Deliverable frames among them.
@@ -55,12 +60,13 @@ class StreamFeeder {
 
   // The next chunk: where it starts, how long it is, and the pictures that
   // must have arrived before it may go (paced by pictures), or the moment it
-  // is due (real time).
+  // is due (real time). A chunk of size 0 means the file ended early.
   struct Chunk {
     const uint8_t* data;
     uint32_t size;
     uint32_t picturesNeeded;
     std::chrono::steady_clock::time_point due;
+    uint32_t framesFedAfter;  // video frames complete once this chunk is fed
   };
   Chunk NextChunk(const FeedOptions& options);
   // Marks the chunk NextChunk gave as fed.
@@ -69,12 +75,15 @@ class StreamFeeder {
   void RestartClock();
 
  private:
+  bool EndsInEightZeros(uint64_t payloadEnd);
+
   TQFReader reader_;
-  const uint8_t* bytes_ = nullptr;
-  uint32_t size_ = 0;
-  uint32_t headerSize_ = 0;
-  uint32_t offset_ = 0;
-  std::vector<uint32_t> frameEnds_;    // file offsets just past each video frame
+  std::vector<uint8_t> header_;
+  std::vector<uint8_t> chunk_;
+  uint64_t size_ = 0;
+  uint64_t offset_ = 0;
+  bool truncated_ = false;
+  std::vector<uint64_t> frameEnds_;    // file offsets just past each video frame
   std::vector<uint32_t> deliverable_;  // deliverable frames up to and with each
   uint32_t framesFed_ = 0;
   std::mt19937 random_;

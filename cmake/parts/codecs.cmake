@@ -1,6 +1,5 @@
 # Benchmarks of the codecs against the ffmpeg tool (`make bench`). Their media
 # are made by the tool into build/media/bench on the first run.
-find_program(TQF_FFMPEG ffmpeg REQUIRED)
 foreach(bench bench_h264_decode bench_g726_decode)
   add_executable(${bench} bench/${bench}.cpp)
   target_link_libraries(${bench} PRIVATE tqf_core)

@@ -1,13 +1,19 @@
 // MappedFile: one file mapped into memory as one view.
 //
-// Open maps an existing file (never creates one); callers then read `view`,
-// `viewLength` and `fileSize` directly. A file of zero length opens with no
-// mapping and no view (`view` null), and files of 4 GiB or more are refused.
-// A null path maps anonymous memory of `length` bytes instead of a file.
+// Open maps an existing regular file (never creates one); callers then read
+// through Read, or `view`, `viewLength` and `fileSize` directly. A file of zero
+// length opens with no mapping and no view (`view` null). Sizes and offsets
+// are 64-bit: any file the address space can map opens. A null path maps
+// anonymous memory of `length` bytes instead of a file.
 //
 //   MappedFile file;
 //   if (file.Open(path, 0, 0, 0, 0, nullptr, 0) && file.view != nullptr)
-//     Use(static_cast<const uint8_t*>(file.view), file.fileSize);
+//     file.Read(offset, buffer, count);
+//
+// Another process may shorten a mapped file; a load from a page past the new
+// end then raises SIGBUS. Read copies under the fault guard, so such a read
+// fails instead of killing the process. Code that reads `view` directly must
+// run under RunGuarded (FaultGuard.h) for the same reason.
 //
 // Modes of Open, by (readOnly, writable): readOnly non-zero maps for reading
 // whatever `writable` says; otherwise `writable` non-zero maps for reading and
@@ -17,29 +23,33 @@
 // Not thread-safe; one owner at a time.
 #pragma once
 
+#include <climits>
+#include <cstddef>
 #include <cstdint>
 
 class MappedFile {
  public:
-  static constexpr uint32_t MAX_PATH_LENGTH = 260;
+  static constexpr size_t MAX_PATH_LENGTH = PATH_MAX;
 
   MappedFile();
   // Opens at once by Open with the same arguments; check `view`/`fileSize`
   // or call Open again, since a constructor cannot report.
-  MappedFile(const char* path, int32_t writable, uint32_t offset, uint32_t length,
+  MappedFile(const char* path, int32_t writable, uint64_t offset, uint64_t length,
              int32_t shared, const char* mappingName, int32_t readOnly);
   ~MappedFile();
   MappedFile(const MappedFile&) = delete;
   MappedFile& operator=(const MappedFile&) = delete;
 
   // Maps `length` bytes from `offset` (0 and 0: the whole file). False if a
-  // view exists already, if the file does not exist or cannot be opened in the
-  // asked mode, if it is 4 GiB or more, if `path` does not fit 259 characters,
-  // or if the mapping fails; the object is closed again after a failure.
+  // view exists already, if the file does not exist, is not a regular file (a
+  // FIFO, a device or a folder is refused at once, without blocking) or cannot
+  // be opened in the asked mode, if `path` does not fit MAX_PATH_LENGTH - 1
+  // characters, or if the mapping fails; the object is closed again after a
+  // failure.
   // `offset` must be a multiple of the page size. `mappingName` is taken and
   // has no effect. With a null `path`, `length` bytes of zeroed anonymous
   // memory are mapped (a `length` of 0 fails).
-  bool Open(const char* path, int32_t writable, uint32_t offset, uint32_t length, int32_t shared,
+  bool Open(const char* path, int32_t writable, uint64_t offset, uint64_t length, int32_t shared,
             const char* mappingName, int32_t readOnly);
 
   // Sets or moves the view to `length` bytes from `offset` (length clipped to
@@ -48,8 +58,13 @@ class MappedFile {
   // named file. False if there is no mapping, `offset` is not below
   // `fileSize`, or the map call fails (then there is no view). Out pointers
   // may be null.
-  bool MapView(uint32_t offset, uint32_t length, void** outView, uint32_t* outLength,
+  bool MapView(uint64_t offset, uint64_t length, void** outView, uint64_t* outLength,
                int32_t mode);
+
+  // Copies `length` bytes at `offset` of the view into `to`. False, with `to`
+  // in an unknown state, if the range is not inside the view or the pages are
+  // gone (the file was shortened after Open).
+  bool Read(uint64_t offset, void* to, size_t length) const;
 
   // Unmaps, closes mapping and file, resets every field. Safe when closed.
   void Close();
@@ -63,8 +78,8 @@ class MappedFile {
   int fileHandle;                  // descriptor of the file; -1 when closed
   int mappingHandle;               // descriptor views are mapped from; -1 when none
   void* view;                      // null when there is no view
-  uint32_t viewLength;
-  uint32_t fileSize;  // size at open
+  uint64_t viewLength;
+  uint64_t fileSize;  // size at open
   int32_t writable;
   int32_t shared;
   int32_t readOnly;

@@ -8,11 +8,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "FaultGuard.h"
 #include "PerformanceSite.h"
 
 namespace {
-
-constexpr uint64_t MAPPABLE_SIZE_LIMIT = uint64_t{1} << 32;
 
 uintptr_t PageSize() {
   static const uintptr_t size = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
@@ -21,7 +20,7 @@ uintptr_t PageSize() {
 
 // The anonymous mapping of a null path: a memory file, so that views of it
 // can be set and moved like those of a named file.
-int CreateAnonymousMapping(uint32_t length) {
+int CreateAnonymousMapping(uint64_t length) {
   int fd = memfd_create("MappedFile", MFD_CLOEXEC);
   if (fd < 0) return -1;
   if (ftruncate(fd, static_cast<off_t>(length)) != 0) {
@@ -35,7 +34,7 @@ int CreateAnonymousMapping(uint32_t length) {
 
 MappedFile::MappedFile() { Reset(); }
 
-MappedFile::MappedFile(const char* path, int32_t writableArg, uint32_t offset, uint32_t length,
+MappedFile::MappedFile(const char* path, int32_t writableArg, uint64_t offset, uint64_t length,
                        int32_t sharedArg, const char* mappingName, int32_t readOnlyArg) {
   Reset();
   Open(path, writableArg, offset, length, sharedArg, mappingName, readOnlyArg);
@@ -55,7 +54,7 @@ void MappedFile::Reset() {
   readOnly = 0;
 }
 
-bool MappedFile::Open(const char* path, int32_t writableArg, uint32_t offset, uint32_t length,
+bool MappedFile::Open(const char* path, int32_t writableArg, uint64_t offset, uint64_t length,
                       int32_t sharedArg, const char* /*mappingName*/, int32_t readOnlyArg) {
   PERFORMANCE_SITE("MappedFile::Open()");
   if (view != nullptr) return false;
@@ -77,14 +76,15 @@ bool MappedFile::Open(const char* path, int32_t writableArg, uint32_t offset, ui
       return false;
     }
     std::memcpy(fileName, path, pathLength + 1);
-    fileHandle = open(path, (forWriting ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+    // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a
+    // writer. Only regular files go on, and for them the flag means nothing.
+    fileHandle = open(path, (forWriting ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     struct stat info;
-    if (fileHandle < 0 || fstat(fileHandle, &info) != 0 || !S_ISREG(info.st_mode) ||
-        static_cast<uint64_t>(info.st_size) >= MAPPABLE_SIZE_LIMIT) {
+    if (fileHandle < 0 || fstat(fileHandle, &info) != 0 || !S_ISREG(info.st_mode)) {
       Close();
       return false;
     }
-    fileSize = static_cast<uint32_t>(info.st_size);
+    fileSize = static_cast<uint64_t>(info.st_size);
     if (fileSize == 0) return true;  // open, with no mapping and no view
     mappingHandle = fcntl(fileHandle, F_DUPFD_CLOEXEC, 0);
   }
@@ -95,7 +95,7 @@ bool MappedFile::Open(const char* path, int32_t writableArg, uint32_t offset, ui
   return true;
 }
 
-bool MappedFile::MapView(uint32_t offset, uint32_t length, void** outView, uint32_t* outLength,
+bool MappedFile::MapView(uint64_t offset, uint64_t length, void** outView, uint64_t* outLength,
                          int32_t mode) {
   PERFORMANCE_SITE("MappedFile::MapView()");
   if (mappingHandle < 0) return false;
@@ -103,7 +103,7 @@ bool MappedFile::MapView(uint32_t offset, uint32_t length, void** outView, uint3
   if (offset >= fileSize) return false;
   void* preferred = view;
   if (view != nullptr) {
-    munmap(view, viewLength);
+    munmap(view, static_cast<size_t>(viewLength));
     view = nullptr;
     viewLength = 0;
   }
@@ -116,7 +116,7 @@ bool MappedFile::MapView(uint32_t offset, uint32_t length, void** outView, uint3
     writable = 1;
   }
   int protection = readOnly == 0 && writable != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
-  void* mapped = mmap(preferred, length, protection, MAP_SHARED, mappingHandle,
+  void* mapped = mmap(preferred, static_cast<size_t>(length), protection, MAP_SHARED, mappingHandle,
                       static_cast<off_t>(offset));
   if (mapped == MAP_FAILED) return false;
   view = mapped;
@@ -128,7 +128,7 @@ bool MappedFile::MapView(uint32_t offset, uint32_t length, void** outView, uint3
 
 void MappedFile::Close() {
   PERFORMANCE_SITE("MappedFile::Close()");
-  if (view != nullptr) munmap(view, viewLength);
+  if (view != nullptr) munmap(view, static_cast<size_t>(viewLength));
   if (mappingHandle >= 0) close(mappingHandle);
   if (fileHandle >= 0) close(fileHandle);
   Reset();
@@ -144,4 +144,12 @@ int32_t MappedFile::Flush(void* address, uint32_t length) {
   uintptr_t pageStart = start & ~(PageSize() - 1);
   size_t span = start - pageStart + length;
   return msync(reinterpret_cast<void*>(pageStart), span, MS_SYNC) == 0 ? 1 : 0;
+}
+
+bool MappedFile::Read(uint64_t offset, void* to, size_t length) const {
+  if (view == nullptr || offset > viewLength || length > viewLength - offset) return false;
+  if (length == 0) return true;
+  const uint8_t* from = static_cast<const uint8_t*>(view) + offset;
+  auto copy = [&] { std::memcpy(to, from, length); };
+  return RunGuarded(copy);
 }
