@@ -7,6 +7,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fstream>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <set>
 #include <string>
@@ -131,7 +132,48 @@ TEST_F(LibraryExports, FailedOpensLeaveTheOutHandleUnwritten) {
   EXPECT_EQ(openStream(nullptr, 0, &handle), -1);  // header not read below 16 bytes
   EXPECT_EQ(openFile(nullptr, &handle), -1);
   EXPECT_EQ(openFile("/nonexistent/file.tqf", &handle), -1);
+  // What is not a regular file is refused at once: a FIFO with no writer
+  // would otherwise block the open, and with it every player of the process.
+  const std::string fifo = ::testing::TempDir() + "exports_fifo_" + std::to_string(getpid());
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(openFile(fifo.c_str(), &handle), -1);
+  unlink(fifo.c_str());
   EXPECT_EQ(handle, -77);
+}
+
+std::atomic<int> g_pictures{0};
+
+int32_t CountPicture(int32_t, uint8_t*, int32_t, int32_t, int32_t, uint32_t, int32_t, int32_t, uint32_t) {
+  ++g_pictures;
+  return 0;
+}
+
+// Installed under a folder path of hundreds of characters, the library still
+// finds its plugins beside itself and opens files by such paths.
+TEST(LibraryInstall, WorksUnderAPathLongerThanTwoHundredSixtyCharacters) {
+  std::string folder = ::testing::TempDir() + "long_" + std::to_string(getpid());
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  const std::string top = folder;
+  while (folder.size() < 320) {
+    folder += "/" + std::string(50, 'p');
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  }
+  const std::string copy = "cp '" + LIBRARY + "' '" + std::string(TQF_BINARY_DIR) + "/libjpgdec.so' '" +
+                           std::string(TQF_SOURCE_DIR) + "/samples/jpeg422.tqf' '" + folder + "/'";
+  ASSERT_EQ(system(copy.c_str()), 0);
+  void* lib = dlopen((folder + "/libTQFPlay.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(lib, nullptr) << dlerror();
+  auto get = [&](const char* name) { return dlsym(lib, name); };
+  reinterpret_cast<int32_t (*)()>(get("TQ_Initial"))();
+  int32_t h = -1;
+  ASSERT_EQ(reinterpret_cast<int32_t (*)(const char*, int32_t*)>(get("TQ_OpenFile"))(
+                (folder + "/jpeg422.tqf").c_str(), &h), 0);
+  reinterpret_cast<int32_t (*)(int32_t, PictureCallback, uint32_t)>(get("TQ_Play"))(h, CountPicture, 0);
+  for (int i = 0; i < 5000 && g_pictures.load() < 10; ++i) usleep(1000);
+  EXPECT_GE(g_pictures.load(), 10);  // JPEG pictures: the plugin was found
+  reinterpret_cast<int32_t (*)()>(get("TQ_Free"))();
+  dlclose(lib);
+  ASSERT_EQ(system(("rm -rf '" + top + "'").c_str()), 0);
 }
 
 std::vector<uint8_t> DemoBytes() {

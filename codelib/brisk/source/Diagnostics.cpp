@@ -1,6 +1,7 @@
 #include "Diagnostics.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -126,7 +127,7 @@ void BreakIntoDebugger() {
 }
 
 const char* GetSelfModulePath() {
-  static char path[MAX_PATH];
+  static char path[PATH_MAX];
   static volatile int32_t filled = 0;
   static volatile int32_t word = 0;
   if (__atomic_load_n(&filled, __ATOMIC_ACQUIRE)) return path;

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <dlfcn.h>
 
+#include <string>
+
 #include "Diagnostics.h"
 
 namespace {
@@ -15,12 +17,11 @@ void* Load(const char* fileName) {
   char name[260];
   LibraryFileNameFor(fileName, name);
   if (strchr(name, '/') == nullptr) {
-    char beside[600];
-    const char* self = GetSelfModulePath();
-    const char* slash = strrchr(self, '/');
-    if (slash != nullptr) {
-      snprintf(beside, sizeof beside, "%.*s/%s", static_cast<int>(slash - self), self, name);
-      if (void* module = dlopen(beside, RTLD_NOW | RTLD_LOCAL)) return module;
+    const std::string self = GetSelfModulePath();
+    const size_t slash = self.rfind('/');
+    if (slash != std::string::npos) {
+      const std::string beside = self.substr(0, slash + 1) + name;
+      if (void* module = dlopen(beside.c_str(), RTLD_NOW | RTLD_LOCAL)) return module;
     }
   }
   return dlopen(name, RTLD_NOW | RTLD_LOCAL);
