@@ -90,9 +90,12 @@ TQ_API int32_t TQ_Free(void);
 TQ_API int32_t TQ_GetDecoderInf(char* buffer, uint32_t size);
 
 /* Opens the TQF file at `path` and writes the new player's handle to
- * `*outHandle` (when not null). -1 for a missing or unreadable file, a file
- * that is not TQF, or a picture size the player refuses; `*outHandle` is then
- * unwritten. A failed open uses up a handle number all the same. */
+ * `*outHandle` (when not null). -1 for a missing or unreadable file, what is
+ * not a regular file (refused at once: a FIFO does not block the call), a
+ * file that is not TQF, or a picture size the player refuses; `*outHandle` is
+ * then unwritten. A failed open uses up a handle number all the same. Files
+ * of any size and paths of any length the system allows open. A file cut
+ * short while it plays ends where it was cut. */
 TQ_API int32_t TQ_OpenFile(const char* path, int32_t* outHandle);
 
 /* Closes a file's player; waits for its thread, and for a callback in
@@ -153,13 +156,22 @@ TQ_API int32_t TQ_SetPlayTime(int32_t handle, int32_t seconds);
  * stream's handle; 0 and nothing written for a null `seconds`. */
 TQ_API int32_t TQ_GetPlayTime(int32_t handle, uint32_t* seconds);
 
-/* Starts copying a playing stream's video frames to a new TQF file at
- * `path`, from its next key frame on. -1 for an unknown handle or a file's
- * handle; 0 and no effect while the stream is not playing. */
+/* Starts copying a playing stream's video frames, as they are fed from now
+ * on, to a new TQF file at `path` (created or truncated at the next video
+ * frame), from the next key frame on. A thread of the library writes the
+ * file, so neither the caller nor a slow callback waits for the disk, and a
+ * slow callback costs the recording no frame. A frame the disk cannot take
+ * (a failed write, or 16 MiB of frames waiting for the disk) is lost to the
+ * file with the debug line "TQF record write failed.\n" or "TQF record queue
+ * full, frame lost.\n", and the recording goes on from the next key frame.
+ * A recording to another path is written out and closed first. -1 for an
+ * unknown handle, a file's handle or a null `path`; 0 and no effect while the
+ * stream is not playing. */
 TQ_API int32_t TQ_StartRecord(int32_t handle, const char* path);
 
-/* Stops the recording and closes its file. -1 for an unknown handle or a
- * file's handle; 0 and no effect while the stream is not playing. */
+/* Writes out the frames fed before the call, then closes the recording's
+ * file. -1 for an unknown handle or a file's handle; 0 and no effect while
+ * the stream is not playing. */
 TQ_API int32_t TQ_StopRecord(int32_t handle);
 
 /* Receives every debug line of the library, exactly as written (newline

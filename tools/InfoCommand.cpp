@@ -233,7 +233,7 @@ int RunInfo(int argc, char** argv) {
   if (access(path, R_OK) != 0) return CommandError(NAME, "%s: %s", path, std::strerror(errno));
   TQFReader reader;
   if (!reader.Open(path))
-    return CommandError(NAME, "%s: not a TQF file the player opens (empty, 4 GiB or more, "
+    return CommandError(NAME, "%s: not a TQF file the player opens (empty, "
                         "0 or more than 16 records, or records past its end)", path);
   FileInfo info{};
   info.path = path;
