@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <memory>
+#include <new>
+#include <vector>
 #include <string>
 
 #include "OSTime.h"
@@ -307,6 +309,62 @@ TEST_F(EventThreadTest, WorkerThatWillNotStopIsCutOff) {
   EXPECT_TRUE(ThreadsBackToBaseline());  // cancelled at its next sleep
   EXPECT_EQ(seen_.ends.load(), 0);
   CloseHandle(event);
+}
+
+// A callback that holds the worker, with no cancellation point, until released.
+struct Gate {
+  std::atomic<bool> inside{false};
+  std::atomic<bool> release{false};
+  void Hold() {
+    inside = true;
+    while (!release.load()) {
+    }
+  }
+};
+
+int32_t HoldInEvent(void* context, HandleObj, uint32_t) {
+  static_cast<Gate*>(context)->Hold();
+  return 1;
+}
+
+void HoldInEnd(void* context) { static_cast<Gate*>(context)->Hold(); }
+
+// A worker cut off inside its callback runs on after Close has returned. The
+// object may be destroyed, its memory reused, at once: the worker never
+// touches it again, and ends by itself once the callback returns.
+TEST(EventThreadCutOff, ObjectMayGoAtOnceWhileTheWorkerRunsOn) {
+  DiagnosticsCapture capture;
+  const int baseline = CountProcEntries("task");
+  Gate gate;
+  std::vector<unsigned char> storage(sizeof(CCallbackEventThread));
+  auto* thread = new (storage.data()) CCallbackEventThread(nullptr, nullptr, nullptr, nullptr);
+  HANDLE event = CreateEventA(nullptr, 0, 1, nullptr);
+  ASSERT_EQ(thread->OpenWithCallback(HoldInEvent, &gate, 1, 0, INFINITE, 0), 1);
+  ASSERT_EQ(thread->AddHandle(KeyOf(event), event, -1, 1, 3), 1);
+  ASSERT_TRUE(WaitUntil([&] { return gate.inside.load(); }));
+  thread->Close(100);
+  thread->~CCallbackEventThread();
+  std::fill(storage.begin(), storage.end(), 0xA5);
+  gate.release = true;
+  EXPECT_TRUE(WaitUntil([&] { return CountProcEntries("task") == baseline; }));
+  EXPECT_EQ(capture.Lines().size(), 1u);  // the kill's line
+  CloseHandle(event);
+}
+
+// A worker cut off while it handles the stop: Close keeps to its timeout (the
+// queue's teardown, which waits for the message that worker holds, is the
+// worker's own at its end).
+TEST(EventThreadCutOff, CloseDuringTheStopKeepsToItsTimeout) {
+  DiagnosticsCapture capture;
+  Gate gate;
+  auto thread = std::make_unique<CCallbackEventThread>(nullptr, nullptr, HoldInEnd, &gate);
+  ASSERT_EQ(thread->OpenWithCallback(OnEvent, nullptr, 1, 0, INFINITE, 0), 1);
+  const uint32_t start = GetTickCount();
+  thread->Close(100);
+  EXPECT_LT(GetTickCount() - start, 600u);
+  EXPECT_TRUE(gate.inside.load());
+  thread.reset();
+  gate.release = true;
 }
 
 TEST(EventThreadShortGrace, HostListAndControlExtension) {

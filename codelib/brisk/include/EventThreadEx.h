@@ -1,7 +1,8 @@
-// CEventThread: the toolkit's worker thread. A COSPoll that owns one thread
-// and one COSMsgQ: the thread does nothing but run poll passes over its table
-// of handles, and other threads reach it with small command messages through
-// the queue, whose filled-slots semaphore is one more record of the table.
+// CEventThread: the toolkit's worker thread. It owns one thread, a poll set
+// (COSPoll) and one COSMsgQ: the thread does nothing but run poll passes over
+// its table of handles, and other threads reach it with small command
+// messages through the queue, whose filled-slots semaphore is one more record
+// of the table. The poll set's events reach the virtual operations below.
 //
 // CCallbackEventThread forwards the worker's events to plain function
 // pointers, so that a user needs no class of its own.
@@ -28,12 +29,20 @@
 // Rules of use:
 //   - Open/Close are for one controlling thread at a time; Close has no lock.
 //   - AddHandle/DelHandle are the only ways to change the table while the
-//     worker runs; COSPoll's own operations are for the worker (callbacks).
+//     worker runs; the poll set's own operations (PollSet()) are for the
+//     worker (callbacks).
 //   - The queue holds four commands: posters block while the worker is busy.
 //   - A subclass of CEventThread must call Close in its own destructor, while
 //     its overrides are still valid (CCallbackEventThread does).
-//   - The object is large (COSPoll keeps its tables inside it): heap or
-//     embedded in its owner, never on a stack.
+//   - The object is small: the poll set's tables (about 400 KiB) live in the
+//     core, on the heap.
+//
+// The worker runs on a core of its own (EventThreadCore: the poll set, the
+// command queue, the flags it writes), held jointly by this object and by the
+// worker; the last of the two to let go frees it. A worker cut off by Close,
+// or closed from inside, may therefore run on after Close has returned and
+// this object is gone: it touches only its core, never calls into this object
+// again once its current callback returns, and frees the core at its end.
 //
 // Close(timeoutMs): a worker that has not acknowledged the stop message within
 // `timeoutMs` is cancelled (pthread_cancel: it ends at its next wait or
@@ -41,7 +50,9 @@
 // "CEventThread::Close(), 线程无法正常退出，强行kill，<module path>\n" goes to the
 // debug sink. In a host named in CEVENTTHREAD_SHORT_GRACE_HOSTS, or when this
 // module's file ends in ".ocx", a worker that acknowledged the stop gets only
-// 50 ms more to end before the same happens.
+// 50 ms more to end before the same happens. Close returns within its timeout
+// plus a few milliseconds: what a cut-off worker still holds is freed by the
+// worker at its end.
 #pragma once
 
 #include <atomic>
@@ -67,15 +78,57 @@ constexpr uint32_t CEVENTTHREAD_SHORT_GRACE_MS = 50;
 // the module's extension is "ocx" in any case.
 bool EventThreadNeedsShortGrace(const char* hostPath, const char* modulePath);
 
-class CEventThread : public COSPoll {
- public:
-  CEventThread();
-  // Close(INFINITE), then the queue and the poll set are torn down.
-  ~CEventThread() override;
+class CEventThread;
 
+// What a worker runs on. Held by its CEventThread and by the worker itself;
+// Release drops one hold and the last frees the core. Only the worker uses
+// the poll set once it runs; `owner` is cleared when the CEventThread lets go
+// of a worker that may still run (a kill or a close from inside).
+class EventThreadCore : public COSPoll {
+ public:
+  EventThreadCore(CEventThread* front, uint32_t timeoutMs);
+
+  int32_t OnPollError(uint32_t lastError) override;
   int32_t OnPollTimeout() override;
   int32_t OnHandleSignaled(HandleObj key, HANDLE handle, int32_t socket, uint32_t events) override;
+  int32_t OnHandleFailed(HandleObj key, HANDLE handle, int32_t socket, int32_t result) override;
 
+  void Release();
+  HandleObj QueueKey() const { return reinterpret_cast<HandleObj>(&queue); }
+  static uint32_t WorkerMain(void* argument);
+
+  COSMsgQ queue;
+  std::atomic<CEventThread*> owner;
+  std::atomic<int32_t> running{0};      // written by the worker only
+  std::atomic<int32_t> selfClosed{0};
+  const uint32_t pollTimeoutMs;
+  const uint32_t idleSleepMs = 0;
+
+ private:
+  ~EventThreadCore() override = default;  // through Release only
+  // Carries out a command: the value for the sender, and the value for the
+  // poll loop in `loopValue`.
+  uint32_t Execute(const MsgWord* words, int32_t* loopValue);
+
+  std::atomic<int32_t> holds_{2};  // the CEventThread's and the worker's
+};
+
+class CEventThread {
+ public:
+  CEventThread();
+  // Close(INFINITE).
+  virtual ~CEventThread();
+  CEventThread(const CEventThread&) = delete;
+  CEventThread& operator=(const CEventThread&) = delete;
+
+  // The poll set's events, on the worker; results as COSPoll reads them.
+  // The wait failed. Default: 0.
+  virtual int32_t OnPollError(uint32_t lastError);
+  // A finite poll timeout passed: OnEvent(0, null, -1, 0), 1 if that gave
+  // non-zero, else 0.
+  virtual int32_t OnPollTimeout();
+  // OnEvent gave a negative result. Default: 0.
+  virtual int32_t OnHandleFailed(HandleObj key, HANDLE handle, int32_t socket, int32_t result);
   // A user record was signalled (or, with key 0, handle null, socket -1 and
   // events 0, a finite poll timeout passed). Non-zero counts as work done.
   virtual int32_t OnEvent(HandleObj key, HANDLE handle, int32_t socket, uint32_t events) = 0;
@@ -91,7 +144,7 @@ class CEventThread : public COSPoll {
   int32_t Open(int32_t priority, uint32_t stackSize, uint32_t pollTimeoutMs, int32_t allowSelfClose);
   // Stops the worker and joins it (see the file comment); a closed object
   // returns at once. On the worker itself: allowed only with allowSelfClose,
-  // then the table and queue are dropped and the loop ends when the current
+  // then this object lets go of the worker, whose loop ends when the current
   // callback returns; otherwise an assertion report and nothing else.
   void Close(uint32_t timeoutMs);
 
@@ -104,30 +157,26 @@ class CEventThread : public COSPoll {
   // As AddHandle, for removing the record of `key`.
   int32_t DelHandle(HandleObj key, int32_t wait);
 
+  // The worker's poll set, for the worker's own callbacks (EnableHandle,
+  // GetHandleInfos and the like); null when closed. Never from another thread.
+  COSPoll* PollSet() const { return core_; }
+
   uint32_t ThreadId() const { return threadId_.load(); }
-  int32_t IsRunning() const { return running_.load(); }
+  int32_t IsRunning() const { return core_ != nullptr ? core_->running.load() : 0; }
 
  private:
-  static uint32_t WorkerMain(void* argument);
-  void Reset();
   bool OnWorker() const;
-  HandleObj QueueKey() const { return reinterpret_cast<HandleObj>(&queue_); }
   int32_t PostCommand(MsgWord code, HandleObj key, HANDLE handle, int32_t socket, uint32_t mask,
                       int32_t wait);
-  // Carries out a command on the worker: the value for the sender, and the
-  // value for the poll loop in `loopValue`.
-  uint32_t Execute(const MsgWord* words, int32_t* loopValue);
-  void DropTableAndQueue();
+  // Hands the core to the worker, which may still run, and forgets the worker.
+  void LetGoOfWorker();
   void Kill();
 
-  COSMsgQ queue_;
+  // Set by Open and cleared by Close, on the controlling thread only.
+  EventThreadCore* core_;
   HANDLE threadHandle_;
   std::atomic<uint32_t> threadId_;
-  std::atomic<int32_t> running_;
-  uint32_t pollTimeoutMs_;
   int32_t allowSelfClose_;
-  std::atomic<int32_t> selfClosed_;
-  uint32_t idleSleepMs_;
 };
 
 typedef void (*EventThreadNotify)(void* context);

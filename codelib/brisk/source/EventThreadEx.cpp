@@ -1,6 +1,8 @@
 #include "EventThreadEx.h"
 
 #include <cstring>
+#include <new>
+#include <pthread.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -44,58 +46,99 @@ bool EventThreadNeedsShortGrace(const char* hostPath, const char* modulePath) {
   return dot != nullptr && strcasecmp(dot + 1, CEVENTTHREAD_SHORT_GRACE_EXTENSION) == 0;
 }
 
-CEventThread::CEventThread() { Reset(); }
+// ---- EventThreadCore -------------------------------------------------------
 
-CEventThread::~CEventThread() { Close(INFINITE); }
+EventThreadCore::EventThreadCore(CEventThread* front, uint32_t timeoutMs)
+    : owner(front), pollTimeoutMs(timeoutMs) {}
 
-void CEventThread::Reset() {
-  threadHandle_ = nullptr;
-  threadId_.store(0);
-  running_.store(0);
-  pollTimeoutMs_ = INFINITE;
-  allowSelfClose_ = 0;
-  selfClosed_.store(0);
-  idleSleepMs_ = 0;
+void EventThreadCore::Release() {
+  if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
 }
 
-bool CEventThread::OnWorker() const {
-  const uint32_t id = threadId_.load();
-  return id != 0 && id == GetCurrentThreadId();
-}
+namespace {
 
-void CEventThread::OnThreadBegin() {}
+// The worker's hold on its core, let go of when the worker ends, also when it
+// is cancelled (cancellation unwinds the stack). Freeing the core closes
+// descriptors, and a close is a cancellation point: a cancellation still
+// pending must not act inside this destructor.
+struct CoreHold {
+  EventThreadCore* core;
+  ~CoreHold() {
+    int state = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    core->Release();
+    pthread_setcancelstate(state, nullptr);
+  }
+};
 
-void CEventThread::OnThreadEnd() {}
+}  // namespace
 
-int32_t CEventThread::OnPollTimeout() { return OnEvent(0, nullptr, -1, 0) != 0 ? 1 : 0; }
-
-uint32_t CEventThread::WorkerMain(void* argument) {
-  CEventThread* self = static_cast<CEventThread*>(argument);
-  self->OnThreadBegin();
+uint32_t EventThreadCore::WorkerMain(void* argument) {
+  EventThreadCore* core = static_cast<EventThreadCore*>(argument);
+  CoreHold hold{core};
+  if (CEventThread* front = core->owner.load()) front->OnThreadBegin();
   for (;;) {
-    const int32_t result = self->Poll(self->pollTimeoutMs_);
+    const int32_t result = core->Poll(core->pollTimeoutMs);
     if (result == 3) return 0;
-    if (result == 0) Sleep(self->idleSleepMs_);
+    if (result == 0) Sleep(core->idleSleepMs);
   }
 }
 
-uint32_t CEventThread::Execute(const MsgWord* words, int32_t* loopValue) {
+// A core whose owner has let go ends its loop (result 3) instead of calling
+// into an object that may be gone.
+int32_t EventThreadCore::OnPollError(uint32_t lastError) {
+  CEventThread* front = owner.load();
+  return front != nullptr ? front->OnPollError(lastError) : 3;
+}
+
+int32_t EventThreadCore::OnPollTimeout() {
+  CEventThread* front = owner.load();
+  return front != nullptr ? front->OnPollTimeout() : 3;
+}
+
+int32_t EventThreadCore::OnHandleFailed(HandleObj key, HANDLE handle, int32_t socket,
+                                        int32_t result) {
+  CEventThread* front = owner.load();
+  return front != nullptr ? front->OnHandleFailed(key, handle, socket, result) : 3;
+}
+
+int32_t EventThreadCore::OnHandleSignaled(HandleObj key, HANDLE handle, int32_t socket,
+                                          uint32_t events) {
+  if (key != QueueKey()) {
+    CEventThread* front = owner.load();
+    if (front == nullptr) return 3;
+    const int32_t result = front->OnEvent(key, handle, socket, events);
+    // Closed from inside, or cut off meanwhile: `front` may be gone.
+    if (selfClosed.load() || owner.load() == nullptr) return 3;
+    return result != 0 ? 1 : 0;
+  }
+  int32_t loopValue = -1;
+  if (queue.IsOpen()) {
+    // The wait has already taken the semaphore's count.
+    MsgRecord* record = queue.PopRecord(0, 1);
+    if (record != nullptr) queue.Answer(record, Execute(record->words, &loopValue));
+  }
+  return loopValue;
+}
+
+uint32_t EventThreadCore::Execute(const MsgWord* words, int32_t* loopValue) {
   switch (words[0]) {
     case EVENT_THREAD_START:
-      running_.store(1);
+      running.store(1);
       *loopValue = 1;
       return 1;
     case EVENT_THREAD_ADD_HANDLE:
       *loopValue = 1;
       return static_cast<uint32_t>(AddHandle(words[1], reinterpret_cast<HANDLE>(words[2]),
-                                             static_cast<int32_t>(words[3]), 1,
-                                             static_cast<uint32_t>(words[4])));
+                                             static_cast<int32_t>(words[3]),
+                                             static_cast<uint32_t>(words[4]), /*enabled=*/1,
+                                             /*context=*/0));
     case EVENT_THREAD_DEL_HANDLE:
       *loopValue = 1;
-      return static_cast<uint32_t>(DelHandle(words[1], 1));
+      return static_cast<uint32_t>(DelHandle(words[1]));
     case EVENT_THREAD_STOP:
-      running_.store(0);
-      OnThreadEnd();
+      running.store(0);
+      if (CEventThread* front = owner.load()) front->OnThreadEnd();
       *loopValue = 3;
       return 1;
     default:
@@ -104,58 +147,64 @@ uint32_t CEventThread::Execute(const MsgWord* words, int32_t* loopValue) {
   }
 }
 
-int32_t CEventThread::OnHandleSignaled(HandleObj key, HANDLE handle, int32_t socket,
-                                       uint32_t events) {
-  if (key != QueueKey()) {
-    const int32_t result = OnEvent(key, handle, socket, events);
-    if (selfClosed_.load()) return 3;
-    return result != 0 ? 1 : 0;
-  }
-  int32_t loopValue = -1;
-  if (queue_.IsOpen()) {
-    // The wait has already taken the semaphore's count.
-    MsgRecord* record = queue_.PopRecord(0, 1);
-    if (record != nullptr) queue_.Answer(record, Execute(record->words, &loopValue));
-  }
-  return loopValue;
+// ---- CEventThread ----------------------------------------------------------
+
+CEventThread::CEventThread() : core_(nullptr), threadHandle_(nullptr), threadId_(0), allowSelfClose_(0) {}
+
+CEventThread::~CEventThread() { Close(INFINITE); }
+
+bool CEventThread::OnWorker() const {
+  const uint32_t id = threadId_.load();
+  return id != 0 && id == GetCurrentThreadId();
 }
+
+int32_t CEventThread::OnPollError(uint32_t) { return 0; }
+
+int32_t CEventThread::OnPollTimeout() { return OnEvent(0, nullptr, -1, 0) != 0 ? 1 : 0; }
+
+int32_t CEventThread::OnHandleFailed(HandleObj, HANDLE, int32_t, int32_t) { return 0; }
+
+void CEventThread::OnThreadBegin() {}
+
+void CEventThread::OnThreadEnd() {}
 
 int32_t CEventThread::PostCommand(MsgWord code, HandleObj key, HANDLE handle, int32_t socket,
                                   uint32_t mask, int32_t wait) {
   const MsgWord words[MSG_WORDS] = {code, key, reinterpret_cast<MsgWord>(handle),
                                     static_cast<MsgWord>(static_cast<intptr_t>(socket)), mask};
-  if (!wait) return queue_.SendMsg(words, nullptr, INFINITE, 0);
+  if (!wait) return core_->queue.SendMsg(words, nullptr, INFINITE, 0);
   uint32_t reply = 0;
-  return queue_.SendMsg(words, &reply, INFINITE, 1) && reply != 0;
+  return core_->queue.SendMsg(words, &reply, INFINITE, 1) && reply != 0;
 }
 
 int32_t CEventThread::AddHandle(HandleObj key, HANDLE handle, int32_t socket, int32_t wait,
                                 uint32_t mask) {
   if (threadId_.load() == 0) return 0;
-  if (running_.load() && OnWorker()) return COSPoll::AddHandle(key, handle, socket, mask, 1, 0);
-  if (!running_.load()) return 0;
+  if (IsRunning() && OnWorker())
+    return core_->AddHandle(key, handle, socket, mask, /*enabled=*/1, /*context=*/0);
+  if (!IsRunning()) return 0;
   if (handle == nullptr || !GetHandleInformation(handle, nullptr)) return 0;
   return PostCommand(EVENT_THREAD_ADD_HANDLE, key, handle, socket, mask, wait);
 }
 
 int32_t CEventThread::DelHandle(HandleObj key, int32_t wait) {
   if (threadId_.load() == 0) return 0;
-  if (running_.load() && OnWorker()) return COSPoll::DelHandle(key);
-  if (!running_.load()) return 0;
+  if (IsRunning() && OnWorker()) return core_->DelHandle(key);
+  if (!IsRunning()) return 0;
   return PostCommand(EVENT_THREAD_DEL_HANDLE, key, nullptr, -1, kPlainMask, wait);
 }
 
 int32_t CEventThread::Open(int32_t priority, uint32_t stackSize, uint32_t pollTimeoutMs,
                            int32_t allowSelfClose) {
   if (threadId_.load() != 0) return 0;
-  DropTableAndQueue();
-  Reset();
   allowSelfClose_ = allowSelfClose;
-  pollTimeoutMs_ = pollTimeoutMs;
-  if (queue_.Create(4, 1, 0)) {
-    COSPoll::AddHandle(QueueKey(), queue_.FilledSlots(), -1, 1, 1, 0);
+  core_ = new (std::nothrow) EventThreadCore(this, pollTimeoutMs);
+  if (core_ == nullptr) return 0;
+  if (core_->queue.Create(4, 1, 0)) {
+    core_->AddHandle(core_->QueueKey(), core_->queue.FilledSlots(), -1, /*mask=*/1, /*enabled=*/1,
+                     /*context=*/0);
     uint32_t id = 0;
-    HANDLE thread = CreateThread(nullptr, stackSize, WorkerMain, this, 0, &id);
+    HANDLE thread = CreateThread(nullptr, stackSize, EventThreadCore::WorkerMain, core_, 0, &id);
     if (thread != nullptr) {
       threadHandle_ = thread;
       threadId_.store(id);
@@ -163,19 +212,28 @@ int32_t CEventThread::Open(int32_t priority, uint32_t stackSize, uint32_t pollTi
       if (priority == 1 || SetThreadPriority(thread, kPriorities[clamped])) {
         const MsgWord start[MSG_WORDS] = {EVENT_THREAD_START, 0, 0, kNoSocket, kPlainMask};
         uint32_t reply = 0;
-        queue_.SendMsg(start, &reply, INFINITE, 1);
-        if (running_.load()) return 1;
+        core_->queue.SendMsg(start, &reply, INFINITE, 1);
+        if (IsRunning()) return 1;
       }
+      Close(100);
+      return 0;
     }
   }
-  Close(100);
-  Reset();
+  // No worker was made: both holds are ours.
+  core_->Release();
+  core_->Release();
+  core_ = nullptr;
+  allowSelfClose_ = 0;
   return 0;
 }
 
-void CEventThread::DropTableAndQueue() {
-  DelAllHandles();
-  queue_.Close();
+void CEventThread::LetGoOfWorker() {
+  core_->owner.store(nullptr);
+  core_->Release();
+  core_ = nullptr;
+  threadHandle_ = nullptr;
+  threadId_.store(0);
+  allowSelfClose_ = 0;
 }
 
 void CEventThread::Kill() {
@@ -185,21 +243,19 @@ void CEventThread::Kill() {
 
 void CEventThread::Close(uint32_t timeoutMs) {
   if (threadId_.load() == 0) return;
-  if (!running_.load()) {
+  if (!IsRunning()) {
     // Never acknowledged its start, or already stopped: cut it off. The
     // handle is left open on this path, as the thread may still be on its way
     // to its cancellation point.
     TerminateThread(threadHandle_, static_cast<uint32_t>(-1));
-    DropTableAndQueue();
-    Reset();
+    LetGoOfWorker();
     return;
   }
   if (OnWorker()) {
     if (allowSelfClose_) {
-      DropTableAndQueue();
+      core_->selfClosed.store(1);  // the dispatch that called us ends the loop
       CloseHandle(threadHandle_);
-      Reset();
-      selfClosed_.store(1);  // the dispatch that called us ends the loop
+      LetGoOfWorker();
       return;
     }
     BRISK_REPORT_AT(kSourceFile, 122, "%s", "线程不允许关闭自己!!");
@@ -210,12 +266,8 @@ void CEventThread::Close(uint32_t timeoutMs) {
   if (WaitForSingleObject(threadHandle_, 0) != WAIT_OBJECT_0) {
     const MsgWord stop[MSG_WORDS] = {EVENT_THREAD_STOP, 0, 0, kNoSocket, kPlainMask};
     uint32_t reply = 0;
-    if (!queue_.SendMsg(stop, &reply, timeoutMs, 0)) {
-      if (threadId_.load() == 0) {  // it closed itself meanwhile
-        DropTableAndQueue();
-        Reset();
-        return;
-      }
+    if (!core_->queue.SendMsg(stop, &reply, timeoutMs, 0)) {
+      if (threadId_.load() == 0) return;  // it closed itself meanwhile
       Kill();
       killed = true;
     }
@@ -226,11 +278,10 @@ void CEventThread::Close(uint32_t timeoutMs) {
     killed = true;
   }
   // A cancelled thread's handle is never signalled: only a thread that ends by
-  // itself is waited for.
+  // itself is waited for. A cut-off one frees its core at its end.
   if (!killed) WaitForSingleObject(threadHandle_, INFINITE);
   CloseHandle(threadHandle_);
-  DropTableAndQueue();
-  Reset();
+  LetGoOfWorker();
 }
 
 CCallbackEventThread::CCallbackEventThread(EventThreadNotify onBegin, void* onBeginContext,
