@@ -5,7 +5,7 @@ JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all bootstrap build demo view test test-unit test-race test-asan bench fuzz install clean
+.PHONY: all bootstrap build demo view test test-unit test-race test-asan test-fuzz fuzz-build bench fuzz install clean
 
 all: build
 
@@ -26,7 +26,7 @@ view: build
 
 # Every test: the plain build, the race tests under ThreadSanitizer and the
 # whole suite under AddressSanitizer with UndefinedBehaviorSanitizer.
-test: test-unit test-race test-asan
+test: test-unit test-race test-asan test-fuzz
 
 test-unit: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
@@ -46,17 +46,22 @@ test-asan: bootstrap
 bench: build
 	@for b in $(BUILD)/bench_*; do [ -x "$$b" ] && { echo "== $$b"; "$$b"; }; done; true
 
-# The fuzz targets under clang with AddressSanitizer, FUZZ_SECONDS each.
+# The fuzz targets under clang with AddressSanitizer: `make test` runs each for
+# a short while, `make fuzz` for FUZZ_SECONDS each.
 FUZZ_SECONDS ?= 60
-fuzz: bootstrap
+FUZZ_SMOKE_SECONDS ?= 20
+
+fuzz-build: bootstrap
 	@tools/bootstrap.sh clang libclang-rt-14-dev
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DTQF_SANITIZE=address -DTQF_FUZZ=ON -DBUILD_TESTING=OFF
-	cmake --build build-fuzz -j $(JOBS) --target fuzz_tqf_reader fuzz_stream_parser
-	mkdir -p build-fuzz/corpus-reader build-fuzz/corpus-stream
-	cp samples/*.tqf build-fuzz/corpus-reader/
-	build-fuzz/fuzz_tqf_reader -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=4096 build-fuzz/corpus-reader
-	build-fuzz/fuzz_stream_parser -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=4096 build-fuzz/corpus-stream samples
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
+
+test-fuzz: fuzz-build
+	tools/fuzz.sh $(FUZZ_SMOKE_SECONDS) build-fuzz
+
+fuzz: fuzz-build
+	tools/fuzz.sh $(FUZZ_SECONDS) build-fuzz
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)

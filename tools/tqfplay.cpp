@@ -1,5 +1,4 @@
 // tqfplay: tools for TQF media, one subcommand per entry of the table below.
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -36,16 +35,6 @@ void PrintToolHelp(FILE* out) {
 }
 
 }  // namespace
-
-int CommandError(const char* command, const char* format, ...) {
-  std::fprintf(stderr, "tqfplay %s: ", command);
-  va_list arguments;
-  va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
-  va_end(arguments);
-  std::fputc('\n', stderr);
-  return 1;
-}
 
 int main(int argc, char** argv) {
   if (argc < 2) {

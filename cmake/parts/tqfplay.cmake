@@ -6,6 +6,7 @@ pkg_check_modules(SWRESAMPLE REQUIRED IMPORTED_TARGET libswresample)
 pkg_check_modules(SDL2 REQUIRED IMPORTED_TARGET sdl2)
 add_executable(tqfplay
   tools/tqfplay.cpp
+  tools/Command.cpp
   tools/Options.cpp
   tools/InfoCommand.cpp
   tools/ImportCommand.cpp
