@@ -55,7 +55,7 @@ TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4M) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options);
     std::string y4m = folder_.File("out.y4m");
-    RunResult r = Tool("play " + Quote(DEMO) + " --y4m " + Quote(y4m) + " " + c.options);
+    RunResult r = Tool("play -y " + Quote(DEMO) + " --y4m " + Quote(y4m) + " " + c.options);
     ASSERT_EQ(r.exitCode, 0) << r.err;
     PictureRun out = ReadY4M(y4m);
     EXPECT_EQ(out.width, DEMO_WIDTH);
@@ -100,7 +100,7 @@ TEST_F(PlayTest, StreamDeliversEveryFrameWhateverTheChunks) {
   for (const char* feed : feeds) {
     SCOPED_TRACE(feed);
     std::string y4m = folder_.File("stream.y4m");
-    RunResult r = Tool("stream " + Quote(DEMO) + " " + feed + " --y4m " + Quote(y4m));
+    RunResult r = Tool("stream -y " + Quote(DEMO) + " " + feed + " --y4m " + Quote(y4m));
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(ReadY4M(y4m).hashes, DemoReference().hashes);
     EXPECT_EQ(r.err.find("gave no picture"), std::string::npos) << r.err;
@@ -119,7 +119,7 @@ TEST_F(PlayTest, StreamRecordingPlaysBack) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options);
     std::string recorded = folder_.File("recorded.tqf");
-    RunResult r = Tool("stream " + Quote(DEMO) + " --random-chunks --record " + Quote(recorded) +
+    RunResult r = Tool("stream -y " + Quote(DEMO) + " --random-chunks --record " + Quote(recorded) +
                        " " + c.options);
     ASSERT_EQ(r.exitCode, 0) << r.err;
     // A recording holds video only; its last frame is not indexed.
@@ -131,7 +131,7 @@ TEST_F(PlayTest, StreamRecordingPlaysBack) {
               std::string::npos)
         << info.out;
     std::string y4m = folder_.File("replay.y4m");
-    r = Tool("play " + Quote(recorded) + " --y4m " + Quote(y4m));
+    r = Tool("play -y " + Quote(recorded) + " --y4m " + Quote(y4m));
     ASSERT_EQ(r.exitCode, 0) << r.err;
     std::vector<uint64_t> expected = ReferenceFrom(c.firstFrame);
     expected.pop_back();

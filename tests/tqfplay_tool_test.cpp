@@ -62,7 +62,7 @@ TEST_F(ToolTest, ImportsMp4AndRawH264) {
 
   for (const std::string& input : {mp4, raw}) {
     std::string out = folder_.File("out.tqf");
-    RunResult r = Tool("import " + Quote(input) + " " + Quote(out));
+    RunResult r = Tool("import -y " + Quote(input) + " " + Quote(out));
     ASSERT_EQ(r.exitCode, 0) << input << ": " << r.err;
     EXPECT_NE(r.out.find("25 video frames (3 key frames)"), std::string::npos) << r.out;
 
@@ -147,7 +147,7 @@ TEST_F(ToolTest, ImportErrorsAreOneLineAndNonZero) {
       {Quote(video) + " " + Quote(folder_.File("a.tqf")), "unsupported video codec"},
       {Quote(audioOnly) + " " + Quote(folder_.File("b.tqf")), "no video track"},
       {Quote(jpegOnly) + " " + Quote(folder_.File("c.tqf")) + " --audio", "no audio track"},
-      {Quote(jpegOnly) + " " + Quote(folder_.File("missing/dir/d.tqf")), "cannot create"},
+      {Quote(jpegOnly) + " " + Quote(folder_.File("missing/dir/d.tqf")), "cannot write"},
       {Quote(folder_.File("nothing.mp4")) + " " + Quote(folder_.File("e.tqf")), "nothing.mp4"},
   };
   for (const Case& c : cases) {
@@ -178,6 +178,49 @@ TEST_F(ToolTest, HelpAndUsage) {
   r = Tool("info " + Quote(notTqf));
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(Lines(r.err), 1) << r.err;
+}
+
+}  // namespace
+
+namespace {
+
+// No command writes over one of its inputs (by any name), over an existing
+// file unless -y is given, or leaves a file behind when it fails; and a
+// recording that loses frames is a failure that says how many were written.
+TEST_F(ToolTest, OutputsNeverDestroyAFile) {
+  const std::string input = folder_.File("in.tqf"), link = folder_.File("link.tqf");
+  ASSERT_EQ(RunShell(folder_, "cp " + Quote(SAMPLES + "demo.tqf") + " " + Quote(input) + " && ln -s " +
+                                  Quote(input) + " " + Quote(link)).exitCode, 0);
+  const std::string existing = folder_.File("old.y4m");
+  ASSERT_TRUE(WriteWholeFile(existing, {1, 2, 3}));
+  const std::string in = Quote(input);
+  struct Case {
+    std::string arguments;
+    const char* message;
+  } cases[] = {
+      {"stream " + in + " --record " + in, "is also an input"},
+      {"audio " + in + " " + Quote(link), "is also an input"},
+      {"play " + in + " --y4m " + Quote(link), "is also an input"},
+      {"import " + in + " " + in + " -y", "is also an input"},
+      {"export " + in + " " + Quote(link) + " -y", "is also an input"},
+      {"play " + in + " --y4m " + Quote(existing), "already exists (-y overwrites it)"},
+      {"play " + in + " --y4m " + Quote(existing) + " -y -n", "already exists"},
+      {"import " + Quote(SAMPLES + "README.md") + " " + Quote(folder_.File("new.tqf")), "Invalid data"},
+      {"play " + Quote(SAMPLES + "README.md") + " --y4m " + Quote(folder_.File("new.y4m")), "not a TQF"},
+      {"stream " + in + " --record /dev/full", "lost 250 frames (write failed or disk too slow); 0 frames"},
+  };
+  for (const Case& c : cases) {
+    RunResult r = Tool(c.arguments);
+    EXPECT_EQ(r.exitCode, 1) << c.arguments;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << c.arguments << ": " << r.err;
+  }
+  EXPECT_EQ(RunShell(folder_, "cmp " + in + " " + Quote(SAMPLES + "demo.tqf")).exitCode, 0);
+  EXPECT_EQ(ReadWholeFile(existing), (std::vector<uint8_t>{1, 2, 3}));
+  // Nothing else was left: no new file, no temporary file.
+  EXPECT_EQ(RunShell(folder_, "ls -A " + Quote(folder_.path())).out,
+            "in.tqf\nlink.tqf\nold.y4m\nstderr.txt\n");
+  ASSERT_EQ(Tool("play " + in + " --y4m " + Quote(existing) + " -y").exitCode, 0);
+  EXPECT_GT(ReadWholeFile(existing).size(), 3u);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "MediaSource.h"
 #include "Options.h"
+#include "OutputFile.h"
 
 namespace {
 
@@ -75,14 +76,14 @@ int RunAudio(int argc, char** argv) {
   std::string error;
   if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
   if (!source.HasAudio()) return CommandError(NAME, "%s has no G.726 audio", paths[0]);
-  FILE* file = std::fopen(paths[1], "wb");
+  OutputFile output;
+  if (!output.Prepare(paths[1], {paths[0]}, &error)) return CommandError(NAME, "%s", error.c_str());
+  FILE* file = std::fopen(output.WritePath(), "wb");
   if (file == nullptr) return CommandError(NAME, "cannot write %s: %s", paths[1], std::strerror(errno));
   uint64_t samples = 0;
   bool written = WriteWav(source, file, &samples);
-  if (std::fclose(file) != 0 || !written) {
-    std::remove(paths[1]);
-    return CommandError(NAME, "writing %s failed", paths[1]);
-  }
+  if (std::fclose(file) != 0 || !written) return CommandError(NAME, "writing %s failed", paths[1]);
+  if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
   std::printf("%s: %s: %llu samples, %.2f s at %d Hz\n", NAME, paths[1],
               static_cast<unsigned long long>(samples), samples / double{G726_SAMPLE_RATE},
               G726_SAMPLE_RATE);

@@ -24,6 +24,7 @@ extern "C" {
 #include "AvError.h"
 #include "MediaSource.h"
 #include "Options.h"
+#include "OutputFile.h"
 
 namespace {
 
@@ -342,8 +343,11 @@ int RunExport(int argc, char** argv) {
   std::string error;
   if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
   av_log_set_level(AV_LOG_ERROR);  // the encoder's statistics are no message
-  Exporter exporter(source, paths[1]);
+  OutputFile output;
+  if (!output.Prepare(paths[1], {paths[0]}, &error)) return CommandError(NAME, "%s", error.c_str());
+  Exporter exporter(source, output.WritePath());
   if (!exporter.Run(&error)) return CommandError(NAME, "%s", error.c_str());
+  if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
   std::printf("%s: %s: %u video frames (%.2f s), %.2f s of audio\n", NAME, paths[1],
               exporter.VideoPackets(), exporter.VideoPackets() * (TQF_FRAME_DURATION_MS / 1000.0),
               exporter.AudioSamples() / static_cast<double>(G726_SAMPLE_RATE));

@@ -24,6 +24,8 @@ extern "C" {
 }
 
 #include "AvError.h"
+#include "Options.h"
+#include "OutputFile.h"
 #include "TQFFormat.h"
 #include "TQFWriter.h"
 
@@ -61,6 +63,7 @@ struct ImportContext {
   const char* inputPath = nullptr;
   const char* outputPath = nullptr;
   bool withAudio = false;
+  OutputFile output;
 
   AVFormatContext* format = nullptr;
   int videoStream = -1;
@@ -333,7 +336,12 @@ bool OpenInput(ImportContext& c) {
 }
 
 bool CreateOutput(ImportContext& c) {
-  if (!c.writer.Create(c.outputPath, 0)) {
+  std::string error;
+  if (!c.output.Prepare(c.outputPath, {c.inputPath}, &error)) {
+    CommandError(NAME, "%s", error.c_str());
+    return false;
+  }
+  if (!c.writer.Create(c.output.WritePath(), 0)) {
     CommandError(NAME, "%s: cannot create: %s", c.outputPath, std::strerror(errno));
     return false;
   }
@@ -386,29 +394,17 @@ bool CloseOutput(ImportContext& c) {
 
 int RunImport(int argc, char** argv) {
   ImportContext c;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--audio") == 0) {
-      c.withAudio = true;
-    } else if (argv[i][0] == '-' && argv[i][1] != '\0') {
-      c.inputPath = nullptr;  // an unknown option
-      break;
-    } else if (c.inputPath == nullptr) {
-      c.inputPath = argv[i];
-    } else if (c.outputPath == nullptr) {
-      c.outputPath = argv[i];
-    } else {
-      c.outputPath = nullptr;
-      break;
-    }
-  }
-  if (c.inputPath == nullptr || c.outputPath == nullptr) {
-    std::fprintf(stderr, "usage: tqfplay import INPUT OUTPUT.tqf [--audio]\n");
-    return EXIT_USAGE;
-  }
+  const OptionSpec specs[] = {{"--audio", OptionKind::FLAG, &c.withAudio}};
+  const char* paths[2] = {};
+  if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), paths, 2, 2)) return EXIT_USAGE;
+  c.inputPath = paths[0];
+  c.outputPath = paths[1];
   av_log_set_level(AV_LOG_ERROR);
   if (!OpenInput(c) || !CreateOutput(c)) return 1;
   if (!CopyPackets(c) || !CloseOutput(c)) return 1;
   if (c.videoFrames == 0) return CommandError(NAME, "%s: no video packets", c.inputPath);
+  std::string error;
+  if (!c.output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
   std::printf("%s: %u video frames (%u key frames), %u audio frames\n", c.outputPath,
               c.videoFrames, c.keyFrames, c.audioFrames);
   return 0;

@@ -10,6 +10,9 @@ namespace {
 
 // The line a file player writes when it has played its last frame.
 constexpr const char END_OF_FILE_LINE[] = "PostMessage(): wnd=0, msg=0";
+// The lines of a frame lost to a recording.
+constexpr const char* RECORD_LOSS_LINES[] = {"TQF record write failed.\n",
+                                             "TQF record queue full, frame lost.\n"};
 // The user value of the session's pictures ("TQ" and a version byte): a
 // picture with any other value does not come from a TQ_Play of ours.
 constexpr uint32_t SESSION_USER = 0x54510001;
@@ -19,6 +22,7 @@ struct SessionSlot {
   void* context = nullptr;
   std::atomic<bool> fileEnded{false};
   std::atomic<int32_t> pendingSeek{-1};  // seconds, or -1
+  std::atomic<uint32_t> recordLosses{0};
   bool forwardDebug = false;
 };
 
@@ -41,6 +45,8 @@ int32_t DeliverPicture(int32_t handle, uint8_t* picture, int32_t size, int32_t w
 void ReceiveDebugLine(const char* line, void*) {
   if (std::strncmp(line, END_OF_FILE_LINE, sizeof END_OF_FILE_LINE - 1) == 0)
     g_slot.fileEnded.store(true);
+  for (const char* loss : RECORD_LOSS_LINES)
+    if (std::strcmp(line, loss) == 0) ++g_slot.recordLosses;
   if (g_slot.forwardDebug) std::fputs(line, stderr);
 }
 
@@ -52,6 +58,7 @@ LibrarySession::LibrarySession(PictureHandler handler, void* context) {
   g_slot.handler = handler;
   g_slot.context = context;
   g_slot.fileEnded.store(false);
+  g_slot.recordLosses.store(0);
   const char* debug = std::getenv("TQF_DEBUG");
   g_slot.forwardDebug = debug != nullptr && *debug != '\0';
   TQ_SetDebugSink(ReceiveDebugLine, nullptr);
@@ -81,5 +88,7 @@ int32_t LibrarySession::PlayFrom(int32_t handle, uint32_t seconds) const {
 bool LibrarySession::FileEnded() const { return g_slot.fileEnded.load(); }
 
 void LibrarySession::ClearEnd() { g_slot.fileEnded.store(false); }
+
+uint32_t LibrarySession::RecordLosses() const { return g_slot.recordLosses.load(); }
 
 bool LibrarySession::Interrupted() { return g_interrupted != 0; }

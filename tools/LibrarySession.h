@@ -4,8 +4,9 @@
 //   - TQ_Initial on construction and TQ_Free on destruction.
 //   - A debug sink that spots the end of a file: a file player writes the
 //     line "PostMessage(): wnd=0, msg=0" when it has played its last frame
-//     and rewound. Other lines go to stderr when TQF_DEBUG is set, as they
-//     would without a sink.
+//     and rewound; and the frames a recording lost ("TQF record write
+//     failed." or "TQF record queue full, frame lost."). All lines go to
+//     stderr when TQF_DEBUG is set, as they would without a sink.
 //   - The routing of pictures. A picture callback gets a 32-bit user value,
 //     too narrow for a pointer, so the session keeps the run's handler in a
 //     file-scope slot and gives out the user value that selects it.
@@ -48,6 +49,8 @@ class LibrarySession {
   // Whether a file player has reported its end since the last ClearEnd.
   bool FileEnded() const;
   void ClearEnd();
+  // Frames a recording of this session lost to a failing or slow disk.
+  uint32_t RecordLosses() const;
   // Whether the user asked the run to stop (Ctrl-C, SIGTERM).
   static bool Interrupted();
 };

@@ -42,7 +42,24 @@ bool StoreValue(const OptionSpec& rule, const char* text) {
   return false;
 }
 
+bool g_overwrite = false;
+
+// The options every command takes; true if `argument` was one.
+bool ParseCommonOption(const char* argument) {
+  if (std::strcmp(argument, "-y") == 0 || std::strcmp(argument, "--overwrite") == 0) {
+    g_overwrite = true;
+    return true;
+  }
+  if (std::strcmp(argument, "-n") == 0 || std::strcmp(argument, "--no-overwrite") == 0) {
+    g_overwrite = false;
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
+
+bool OverwriteAllowed() { return g_overwrite; }
 
 bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* specs,
                   size_t specCount, const char** positional, int minPositional,
@@ -58,6 +75,7 @@ bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* 
       positional[positionals++] = argument;
       continue;
     }
+    if (ParseCommonOption(argument)) continue;
     const OptionSpec* rule = FindSpec(specs, specCount, argument);
     if (rule == nullptr) {
       CommandError(command, "unknown option '%s' (see --help)", argument);

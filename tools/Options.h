@@ -19,6 +19,11 @@ struct OptionSpec {
   void* value;
 };
 
+// Every command also takes -y (or --overwrite): outputs that exist are
+// replaced; and -n (or --no-overwrite): they are refused, which is the
+// default. The last of them given wins.
+bool OverwriteAllowed();
+
 // Parses argv (without the subcommand's name) into `specs` and between
 // `minPositional` and `maxPositional` positional arguments, stored in order
 // in `positional` (which holds maxPositional pointers). False, after one line

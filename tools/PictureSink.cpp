@@ -32,10 +32,12 @@ bool MakeWritableFolder(const char* path, std::string* error) {
 
 }  // namespace
 
-bool PictureSink::Open(const PictureSinkOptions& options, std::string* error) {
+bool PictureSink::Open(const PictureSinkOptions& options, const char* input, std::string* error) {
   options_ = options;
   lastPictureNs_.store(NowNs());
-  if (options.y4mPath != nullptr && !y4m_.Open(options.y4mPath, error)) return false;
+  if (options.y4mPath != nullptr && (!y4mOutput_.Prepare(options.y4mPath, {input}, error) ||
+                                     !y4m_.Open(y4mOutput_.WritePath(), error)))
+    return false;
   return options.pngFolder == nullptr || MakeWritableFolder(options.pngFolder, error);
 }
 

@@ -14,6 +14,7 @@
 
 #include "FramePacer.h"
 #include "LibrarySession.h"
+#include "OutputFile.h"
 #include "Y4MWriter.h"
 
 struct PictureSinkOptions {
@@ -25,9 +26,10 @@ struct PictureSinkOptions {
 
 class PictureSink {
  public:
-  // Creates the Y4M file and the PNG folder now, so that an unwritable
-  // output fails before anything plays. False with a message.
-  bool Open(const PictureSinkOptions& options, std::string* error);
+  // Creates the Y4M file (a temporary one beside it, see OutputFile; never
+  // over `input`) and the PNG folder now, so that an unwritable output fails
+  // before anything plays. False with a message.
+  bool Open(const PictureSinkOptions& options, const char* input, std::string* error);
 
   // The LibrarySession handler; `context` is the PictureSink.
   static void Handle(void* context, const Picture& picture);
@@ -42,12 +44,16 @@ class PictureSink {
   bool Failed() const { return failed_.load(); }
   // Closes the outputs. False with the first failure's message.
   bool Close(std::string* error);
+  // After a run that succeeded: puts the Y4M file in place. Without this
+  // call, it is removed.
+  bool Keep(std::string* error) { return y4mOutput_.Commit(error); }
 
  private:
   void Deliver(const Picture& picture);
   void Fail(const std::string& message);
 
   PictureSinkOptions options_;
+  OutputFile y4mOutput_;
   Y4MWriter y4m_;
   FramePacer pacer_;
   std::atomic<uint32_t> pictures_{0};

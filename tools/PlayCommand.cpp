@@ -58,7 +58,7 @@ int RunPlay(int argc, char** argv) {
   if (!ParsePlayOptions(argc, argv, &o)) return EXIT_USAGE;
   PictureSink sink;
   std::string error;
-  if (!sink.Open(o.sink, &error)) return CommandError(NAME, "%s", error.c_str());
+  if (!sink.Open(o.sink, o.path, &error)) return CommandError(NAME, "%s", error.c_str());
 
   LibrarySession session(PictureSink::Handle, &sink);
   int32_t handle = -1;
@@ -92,6 +92,7 @@ int RunPlay(int argc, char** argv) {
   progress.PrintSummary(NAME, sink.Pictures());
   if (sink.Pictures() == 0)
     return CommandError(NAME, "%s played to its end without a picture", o.path);
+  if (!sink.Keep(&error)) return CommandError(NAME, "%s", error.c_str());
   return 0;
 }
 

@@ -3,8 +3,6 @@
 // by TQ_StartRecord / TQ_StopRecord on the side.
 #include "StreamCommand.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -16,7 +14,9 @@
 #include "Options.h"
 #include "PictureSink.h"
 #include "ProgressMeter.h"
+#include "OutputFile.h"
 #include "StreamFeeder.h"
+#include "TQFReader.h"
 #include "TQFFormat.h"
 
 namespace {
@@ -61,23 +61,12 @@ bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
   return true;
 }
 
-// The recording's path must take a file before the stream starts: the
-// library reports nothing when it cannot create it.
-bool CheckRecordPath(const char* path, std::string* error) {
-  FILE* file = std::fopen(path, "wb");
-  if (file == nullptr) {
-    *error = std::string("cannot write ") + path + ": " + std::strerror(errno);
-    return false;
-  }
-  std::fclose(file);
-  return true;
-}
-
 // One run: the player, its feeding and its recording.
 class StreamRun {
  public:
-  StreamRun(const StreamOptions& o, StreamFeeder& feeder, PictureSink& sink)
-      : o_(o), feeder_(feeder), sink_(sink) {}
+  // `recordPath`: where the library writes the recording (null: none).
+  StreamRun(const StreamOptions& o, StreamFeeder& feeder, PictureSink& sink, const char* recordPath)
+      : o_(o), feeder_(feeder), sink_(sink), recordPath_(recordPath) {}
 
   // Feeds the whole file and waits for its pictures. 0, or a failure's exit code.
   int Feed(int32_t handle, ProgressMeter& progress) {
@@ -116,28 +105,43 @@ class StreamRun {
   // The library records the frames fed after TQ_StartRecord: start before
   // the chunk that completes the frame at `recordAfter` seconds.
   void StartRecordWhenDue(int32_t handle, const StreamFeeder::Chunk& chunk) {
-    if (o_.recordPath == nullptr || recording_ ||
+    if (recordPath_ == nullptr || recording_ ||
         chunk.framesFedAfter <= o_.recordAfter * TQF_FRAMES_PER_SECOND)
       return;
-    TQ_StartRecord(handle, o_.recordPath);
+    TQ_StartRecord(handle, recordPath_);
     recording_ = true;
   }
 
   const StreamOptions& o_;
   StreamFeeder& feeder_;
   PictureSink& sink_;
+  const char* recordPath_;
   uint32_t missing_ = 0;  // deliverable frames that the decoder gave no picture for
   bool recording_ = false;
 };
 
-// The size of the recording, or a failure's message.
-bool CheckRecording(const char* path, std::string* error) {
-  struct stat info;
-  if (stat(path, &info) != 0 || info.st_size <= static_cast<off_t>(TQF_FILE_HEADER_SIZE)) {
+// Checks the recording at `path` (written to `writePath`): it holds frames,
+// and none was lost to the disk. Prints its size, or gives a failure's message.
+bool CheckRecording(const char* path, const char* writePath, uint32_t losses, std::string* error) {
+  // The reader does not index the last frame of a file: it is there when
+  // bytes follow the header block.
+  TQFReader reader;
+  int32_t headerSize = INT32_MAX;
+  const bool opened = reader.Open(writePath) && reader.GetHeader(nullptr, &headerSize);
+  const uint32_t frames = opened && reader.fileSize > static_cast<uint64_t>(headerSize)
+                              ? reader.index[TQF_STREAM_VIDEO].count + 1
+                              : 0;
+  if (losses != 0) {
+    *error = "the recording " + std::string(path) + " lost " + std::to_string(losses) +
+             " frames (write failed or disk too slow); " + std::to_string(frames) + " frames written";
+    return false;
+  }
+  if (frames == 0) {
     *error = std::string("the recording ") + path + " holds no frame (no key frame after its start?)";
     return false;
   }
-  std::printf("%s: recorded %lld bytes to %s\n", NAME, static_cast<long long>(info.st_size), path);
+  std::printf("%s: recorded %u frames (%llu bytes) to %s\n", NAME, frames,
+              static_cast<unsigned long long>(reader.fileSize), path);
   return true;
 }
 
@@ -147,8 +151,9 @@ int RunStream(int argc, char** argv) {
   StreamFeeder feeder;
   PictureSink sink;
   std::string error;
-  if (!feeder.Open(o.path, &error) || !sink.Open(o.sink, &error) ||
-      (o.recordPath != nullptr && !CheckRecordPath(o.recordPath, &error)))
+  OutputFile recording;
+  if (!feeder.Open(o.path, &error) || !sink.Open(o.sink, o.path, &error) ||
+      (o.recordPath != nullptr && !recording.Prepare(o.recordPath, {o.path}, &error)))
     return CommandError(NAME, "%s", error.c_str());
 
   LibrarySession session(PictureSink::Handle, &sink);
@@ -157,7 +162,7 @@ int RunStream(int argc, char** argv) {
     return CommandError(NAME, "the library refused the stream header of %s", o.path);
   ProgressMeter progress;
   session.Play(handle);
-  StreamRun run(o, feeder, sink);
+  StreamRun run(o, feeder, sink, o.recordPath != nullptr ? recording.WritePath() : nullptr);
   int result = run.Feed(handle, progress);
   run.StopRecord(handle);
   TQ_CloseStream(handle);
@@ -169,9 +174,12 @@ int RunStream(int argc, char** argv) {
   if (sink.Pictures() < feeder.DeliverableFed())
     std::fprintf(stderr, "tqfplay %s: %u of %u video frames gave no picture\n", NAME,
                  feeder.DeliverableFed() - sink.Pictures(), feeder.DeliverableFed());
-  if (o.recordPath != nullptr && !CheckRecording(o.recordPath, &error))
+  if (o.recordPath != nullptr &&
+      (!CheckRecording(o.recordPath, recording.WritePath(), session.RecordLosses(), &error) ||
+       !recording.Commit(&error)))
     return CommandError(NAME, "%s", error.c_str());
   if (sink.Pictures() == 0) return CommandError(NAME, "%s gave no picture", o.path);
+  if (!sink.Keep(&error)) return CommandError(NAME, "%s", error.c_str());
   return 0;
 }
 

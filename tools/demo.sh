@@ -17,23 +17,23 @@ step "what the sample holds: tqfplay info $sample"
 "$tool" info "$sample"
 
 step "play it to $out/demo.y4m, with a still every second"
-"$tool" play "$sample" --y4m "$out/demo.y4m" --png "$out/stills" --every 25
+"$tool" play -y "$sample" --y4m "$out/demo.y4m" --png "$out/stills" --every 25
 
 step "a contact sheet of the stills: $out/contact.png"
 ffmpeg -hide_banner -loglevel error -nostdin -y -pattern_type glob -i "$out/stills/*.png" \
   -vf "scale=320:-1,tile=5x2:padding=4:margin=4" -frames:v 1 "$out/contact.png"
 
 step "stream it as a live source in random chunks, recording to $out/recorded.tqf"
-"$tool" stream "$sample" --random-chunks --seed "$RANDOM" --record "$out/recorded.tqf"
+"$tool" stream -y "$sample" --random-chunks --seed "$RANDOM" --record "$out/recorded.tqf"
 
 step "what the recording holds: tqfplay info $out/recorded.tqf"
 "$tool" info "$out/recorded.tqf"
 
 step "export to $out/demo.mp4 (H.264 as it is, audio to AAC)"
-"$tool" export "$sample" "$out/demo.mp4"
+"$tool" export -y "$sample" "$out/demo.mp4"
 
 step "the audio to $out/demo.wav"
-"$tool" audio "$sample" "$out/demo.wav"
+"$tool" audio -y "$sample" "$out/demo.wav"
 
 step "made in $out/"
 for f in demo.y4m contact.png recorded.tqf demo.mp4 demo.wav; do

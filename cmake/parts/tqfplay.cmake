@@ -8,6 +8,7 @@ add_executable(tqfplay
   tools/tqfplay.cpp
   tools/Command.cpp
   tools/Options.cpp
+  tools/OutputFile.cpp
   tools/InfoCommand.cpp
   tools/ImportCommand.cpp
   tools/PlayCommand.cpp

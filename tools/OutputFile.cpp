@@ -1,0 +1,91 @@
+#include "OutputFile.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "Options.h"
+
+namespace {
+
+constexpr const char STANDARD_OUTPUT[] = "-";
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The temporary file beside `path`: ".NAME.XXXXXX.EXT", keeping the
+// extension that writers choose their format by.
+std::string TemporaryTemplate(const std::string& path, size_t* suffixLength) {
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  const std::string name = path.substr(folder.size());
+  const size_t dot = name.rfind('.');
+  const std::string extension = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+  *suffixLength = extension.size();
+  return folder + "." + name.substr(0, name.size() - extension.size()) + ".XXXXXX" + extension;
+}
+
+}  // namespace
+
+OutputFile::~OutputFile() {
+  if (pending_) unlink(writePath_.c_str());
+}
+
+bool OutputFile::Prepare(const char* path, std::initializer_list<const char*> inputs,
+                         std::string* error) {
+  path_ = path;
+  if (path_ == STANDARD_OUTPUT) {
+    writePath_ = "/dev/stdout";
+    return true;
+  }
+  struct stat output;
+  if (stat(path, &output) == 0 && !S_ISREG(output.st_mode) && !S_ISDIR(output.st_mode)) {
+    writePath_ = path_;  // a device or a FIFO is written as it is
+    return true;
+  }
+  if (stat(path, &output) == 0) {
+    for (const char* input : inputs) {
+      struct stat in;
+      if (input != nullptr && stat(input, &in) == 0 && SameFile(in, output)) {
+        *error = path_ + " is also an input: refusing to write over it";
+        return false;
+      }
+    }
+    if (!OverwriteAllowed()) {
+      *error = path_ + " already exists (-y overwrites it)";
+      return false;
+    }
+    if (S_ISDIR(output.st_mode)) {
+      *error = path_ + ": " + std::strerror(EISDIR);
+      return false;
+    }
+  }
+  size_t suffixLength = 0;
+  writePath_ = TemporaryTemplate(path_, &suffixLength);
+  const int fd = mkstemps(writePath_.data(), static_cast<int>(suffixLength));
+  if (fd < 0) {
+    *error = "cannot write " + path_ + ": " + std::strerror(errno);
+    return false;
+  }
+  close(fd);
+  pending_ = true;
+  return true;
+}
+
+bool OutputFile::Commit(std::string* error) {
+  if (!pending_) return true;
+  // The new file gets the usual permissions of a created file, not mkstemp's 0600.
+  const mode_t mask = umask(0);
+  umask(mask);
+  chmod(writePath_.c_str(), 0666 & ~mask);
+  if (rename(writePath_.c_str(), path_.c_str()) != 0) {
+    *error = "cannot write " + path_ + ": " + std::strerror(errno);
+    return false;
+  }
+  pending_ = false;
+  return true;
+}
