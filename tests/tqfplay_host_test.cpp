@@ -39,7 +39,7 @@ TEST_F(HostTest, InstallsLibraryPluginsHeaderToolAndPackages) {
   EXPECT_NE(ldd.out.find(Installed("bin/../lib/libTQFPlay.so")), std::string::npos) << ldd.out;
   RunResult play = Shell(Quote(Installed("bin/tqfplay")) + " play " + Quote(SAMPLES + "demo.tqf"));
   EXPECT_EQ(play.exitCode, 0) << play.err;
-  EXPECT_NE(play.out.find("play: 250 pictures"), std::string::npos) << play.out;
+  EXPECT_NE(play.err.find("play: 250 pictures"), std::string::npos) << play.err;
 }
 
 TEST_F(HostTest, HostBuildsWithPkgConfigAndWithCMake) {

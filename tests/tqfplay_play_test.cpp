@@ -61,9 +61,9 @@ TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4M) {
     EXPECT_EQ(out.width, DEMO_WIDTH);
     EXPECT_EQ(out.height, DEMO_HEIGHT);
     EXPECT_EQ(out.hashes, ReferenceFrom(c.firstPicture));
-    EXPECT_NE(r.out.find("play: " + std::to_string(DEMO_PICTURES - c.firstPicture) + " pictures"),
+    EXPECT_NE(r.err.find("play: " + std::to_string(DEMO_PICTURES - c.firstPicture) + " pictures"),
               std::string::npos)
-        << r.out;
+        << r.err;
   }
 }
 
@@ -73,7 +73,7 @@ TEST_F(PlayTest, RealtimePlayTakesTheFilesDuration) {
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_GE(seconds, 1.9);  // 49 pictures at 25 a second
-  EXPECT_NE(r.out.find("play: 49 pictures"), std::string::npos) << r.out;
+  EXPECT_NE(r.err.find("play: 49 pictures"), std::string::npos) << r.err;
 }
 
 TEST_F(PlayTest, PngStillsDecodeWithThePictureSize) {
@@ -136,6 +136,28 @@ TEST_F(PlayTest, StreamRecordingPlaysBack) {
     std::vector<uint64_t> expected = ReferenceFrom(c.firstFrame);
     expected.pop_back();
     EXPECT_EQ(ReadY4M(y4m).hashes, expected);
+  }
+}
+
+// Standard output carries the data alone ("-" is standard output); the
+// summary goes to standard error.
+TEST_F(PlayTest, StandardOutputCarriesOnlyTheVideo) {
+  const std::string y4m = folder_.File("file.y4m");
+  ASSERT_EQ(Tool("play " + Quote(DEMO) + " --y4m " + Quote(y4m)).exitCode, 0);
+  RunResult piped = Tool("play " + Quote(DEMO) + " --y4m -");
+  ASSERT_EQ(piped.exitCode, 0) << piped.err;
+  const std::vector<uint8_t> file = ReadWholeFile(y4m);
+  EXPECT_TRUE(piped.out == std::string(file.begin(), file.end()));
+  EXPECT_NE(piped.err.find("play: 250 pictures"), std::string::npos);
+}
+
+// A run stopped by a signal exits as the shell expects: 128 plus the signal.
+TEST_F(PlayTest, SignalsGiveTheShellsExitCodes) {
+  for (const auto& [signal, code] : {std::pair{"INT", 130}, {"TERM", 143}}) {
+    RunResult r = RunShell(folder_, "timeout --preserve-status -s " + std::string(signal) + " 1 " +
+                                        TOOL + " play " + Quote(DEMO) + " --realtime");
+    EXPECT_EQ(r.exitCode, code) << signal << ": " << r.err;
+    EXPECT_NE(r.err.find("interrupted"), std::string::npos) << r.err;
   }
 }
 

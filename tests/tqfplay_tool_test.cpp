@@ -64,7 +64,7 @@ TEST_F(ToolTest, ImportsMp4AndRawH264) {
     std::string out = folder_.File("out.tqf");
     RunResult r = Tool("import -y " + Quote(input) + " " + Quote(out));
     ASSERT_EQ(r.exitCode, 0) << input << ": " << r.err;
-    EXPECT_NE(r.out.find("25 video frames (3 key frames)"), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find("25 video frames (3 key frames)"), std::string::npos) << r.err;
 
     TQFReader reader;
     ASSERT_TRUE(reader.Open(out.c_str())) << input;

@@ -84,7 +84,7 @@ int RunAudio(int argc, char** argv) {
   bool written = WriteWav(source, file, &samples);
   if (std::fclose(file) != 0 || !written) return CommandError(NAME, "writing %s failed", paths[1]);
   if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
-  std::printf("%s: %s: %llu samples, %.2f s at %d Hz\n", NAME, paths[1],
+  std::fprintf(stderr, "%s: %s: %llu samples, %.2f s at %d Hz\n", NAME, paths[1],
               static_cast<unsigned long long>(samples), samples / double{G726_SAMPLE_RATE},
               G726_SAMPLE_RATE);
   return 0;

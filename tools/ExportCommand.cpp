@@ -348,7 +348,7 @@ int RunExport(int argc, char** argv) {
   Exporter exporter(source, output.WritePath());
   if (!exporter.Run(&error)) return CommandError(NAME, "%s", error.c_str());
   if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
-  std::printf("%s: %s: %u video frames (%.2f s), %.2f s of audio\n", NAME, paths[1],
+  std::fprintf(stderr, "%s: %s: %u video frames (%.2f s), %.2f s of audio\n", NAME, paths[1],
               exporter.VideoPackets(), exporter.VideoPackets() * (TQF_FRAME_DURATION_MS / 1000.0),
               exporter.AudioSamples() / static_cast<double>(G726_SAMPLE_RATE));
   return 0;

@@ -405,7 +405,7 @@ int RunImport(int argc, char** argv) {
   if (c.videoFrames == 0) return CommandError(NAME, "%s: no video packets", c.inputPath);
   std::string error;
   if (!c.output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
-  std::printf("%s: %u video frames (%u key frames), %u audio frames\n", c.outputPath,
+  std::fprintf(stderr, "%s: %u video frames (%u key frames), %u audio frames\n", c.outputPath,
               c.videoFrames, c.keyFrames, c.audioFrames);
   return 0;
 }

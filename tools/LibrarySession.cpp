@@ -50,7 +50,7 @@ void ReceiveDebugLine(const char* line, void*) {
   if (g_slot.forwardDebug) std::fputs(line, stderr);
 }
 
-void NoteInterrupt(int) { g_interrupted = 1; }
+void NoteInterrupt(int signal) { g_interrupted = signal; }
 
 }  // namespace
 
@@ -92,3 +92,5 @@ void LibrarySession::ClearEnd() { g_slot.fileEnded.store(false); }
 uint32_t LibrarySession::RecordLosses() const { return g_slot.recordLosses.load(); }
 
 bool LibrarySession::Interrupted() { return g_interrupted != 0; }
+
+int LibrarySession::InterruptedExitCode() { return 128 + g_interrupted; }

@@ -53,4 +53,7 @@ class LibrarySession {
   uint32_t RecordLosses() const;
   // Whether the user asked the run to stop (Ctrl-C, SIGTERM).
   static bool Interrupted();
+  // The shell's exit code for that: 128 plus the signal (130 for Ctrl-C,
+  // 143 for SIGTERM).
+  static int InterruptedExitCode();
 };

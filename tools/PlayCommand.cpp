@@ -81,7 +81,8 @@ int RunPlay(int argc, char** argv) {
   switch (end) {
     case PlayEnd::INTERRUPTED:
       progress.PrintSummary(NAME, sink.Pictures());
-      return CommandError(NAME, "interrupted");
+      CommandError(NAME, "interrupted");
+      return LibrarySession::InterruptedExitCode();
     case PlayEnd::NO_PICTURES:
       return CommandError(NAME, "no picture for %u s: %s has no playable key frame here", o.timeout,
                           o.path);
@@ -89,9 +90,9 @@ int RunPlay(int argc, char** argv) {
     case PlayEnd::END_OF_FILE:
       break;
   }
-  progress.PrintSummary(NAME, sink.Pictures());
   if (sink.Pictures() == 0)
     return CommandError(NAME, "%s played to its end without a picture", o.path);
+  progress.PrintSummary(NAME, sink.Pictures());
   if (!sink.Keep(&error)) return CommandError(NAME, "%s", error.c_str());
   return 0;
 }

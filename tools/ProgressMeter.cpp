@@ -53,8 +53,7 @@ void ProgressMeter::Clear() {
 
 void ProgressMeter::PrintSummary(const char* command, uint32_t pictures) const {
   double elapsed = Elapsed();
-  std::printf("%s: %u pictures (%.2f s of video) in %.2f s, %.1f pictures/s\n", command, pictures,
+  std::fprintf(stderr, "%s: %u pictures (%.2f s of video) in %.2f s, %.1f pictures/s\n", command, pictures,
               pictures * (TQF_FRAME_DURATION_MS / 1000.0), elapsed,
               elapsed > 0 ? pictures / elapsed : 0.0);
-  std::fflush(stdout);
 }

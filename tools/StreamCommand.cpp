@@ -83,7 +83,10 @@ class StreamRun {
                               o_.timeout);
         missing_ = chunk.picturesNeeded - sink_.Pictures();  // frames the decoder kept
       }
-      if (LibrarySession::Interrupted()) return CommandError(NAME, "interrupted");
+      if (LibrarySession::Interrupted()) {
+        CommandError(NAME, "interrupted");
+        return LibrarySession::InterruptedExitCode();
+      }
       if (sink_.Failed()) return 1;  // Close tells why
       StartRecordWhenDue(handle, chunk);
       if (TQ_InputData(handle, chunk.data, static_cast<int32_t>(chunk.size)) != 0)
@@ -140,7 +143,7 @@ bool CheckRecording(const char* path, const char* writePath, uint32_t losses, st
     *error = std::string("the recording ") + path + " holds no frame (no key frame after its start?)";
     return false;
   }
-  std::printf("%s: recorded %u frames (%llu bytes) to %s\n", NAME, frames,
+  std::fprintf(stderr, "%s: recorded %u frames (%llu bytes) to %s\n", NAME, frames,
               static_cast<unsigned long long>(reader.fileSize), path);
   return true;
 }
@@ -170,6 +173,7 @@ int RunStream(int argc, char** argv) {
 
   if (!sink.Close(&error)) return CommandError(NAME, "%s", error.c_str());
   if (result != 0) return result;
+  if (sink.Pictures() == 0) return CommandError(NAME, "%s gave no picture", o.path);
   progress.PrintSummary(NAME, sink.Pictures());
   if (sink.Pictures() < feeder.DeliverableFed())
     std::fprintf(stderr, "tqfplay %s: %u of %u video frames gave no picture\n", NAME,
@@ -178,7 +182,6 @@ int RunStream(int argc, char** argv) {
       (!CheckRecording(o.recordPath, recording.WritePath(), session.RecordLosses(), &error) ||
        !recording.Commit(&error)))
     return CommandError(NAME, "%s", error.c_str());
-  if (sink.Pictures() == 0) return CommandError(NAME, "%s gave no picture", o.path);
   if (!sink.Keep(&error)) return CommandError(NAME, "%s", error.c_str());
   return 0;
 }

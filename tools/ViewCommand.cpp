@@ -320,6 +320,9 @@ int RunView(int argc, char** argv) {
       {"--autoexit", OptionKind::FLAG, &o.autoExit},
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o.path, 1, 1)) return EXIT_USAGE;
+  // Ctrl-C and SIGTERM are the session's to handle (exit codes 130 and 143),
+  // not a quit event of SDL's.
+  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
   if (SDL_Init(SDL_INIT_VIDEO) != 0)
     return CommandError(NAME, "no display: %s", SDL_GetError());
   SdlWindow window;
@@ -337,7 +340,7 @@ int RunView(int argc, char** argv) {
   const char* snapshot = std::getenv(SNAPSHOT_VARIABLE);
   if (snapshot != nullptr && *snapshot != '\0' && !WriteSnapshot(window, snapshot, &error))
     return CommandError(NAME, "%s", error.c_str());
-  return 0;
+  return LibrarySession::Interrupted() ? LibrarySession::InterruptedExitCode() : 0;
 }
 
 }  // namespace
