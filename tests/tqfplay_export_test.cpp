@@ -148,7 +148,7 @@ TEST_F(ExportTest, ErrorsAreOneLineAndLeaveNoFile) {
       {"export " + Quote(JPEG) + " " + Quote(folder_.File("j.mp4")), folder_.File("j.mp4"),
        "Motion JPEG goes into .mkv only", 1},
       {"export " + Quote(folder_.File("none.tqf")) + " " + Quote(folder_.File("n.mkv")),
-       folder_.File("n.mkv"), "missing, unreadable or not a TQF file", 1},
+       folder_.File("n.mkv"), "No such file or directory", 1},
       {"export " + Quote(DEMO) + " " + Quote(unwritable + "d.mp4"), "", "cannot write", 1},
       {"audio " + Quote(JPEG) + " " + Quote(folder_.File("j.wav")), folder_.File("j.wav"),
        "has no G.726 audio", 1},

@@ -179,6 +179,12 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
     ASSERT_TRUE(WriteWholeFile(noKeys, bytes));
   }
   const std::string missing = Quote(folder_.File("missing.tqf"));
+  const std::string empty = folder_.File("empty.tqf"), huge = folder_.File("huge.tqf");
+  ASSERT_TRUE(WriteWholeFile(empty, {}));
+  std::vector<uint8_t> hugeBytes = ReadWholeFile(DEMO);
+  hugeBytes[28] = 0x00;  // the descriptor's width: 16384
+  hugeBytes[29] = 0x40;
+  ASSERT_TRUE(WriteWholeFile(huge, hugeBytes));
   const std::string unwritable = Quote(folder_.File("no/such/folder/out"));
   struct Case {
     std::string arguments;
@@ -192,12 +198,15 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
       {"play " + Quote(DEMO) + " --start 10", "past the end", 1},
       {"play " + Quote(DEMO) + " --y4m", "--y4m needs a value", 2},
       {"play " + Quote(DEMO) + " extra", "unexpected argument 'extra'", 2},
-      {"play " + missing, "missing, unreadable or not a TQF file", 1},
-      {"play " + Quote(notTqf), "not a TQF file", 1},
+      {"play " + missing, "missing.tqf: No such file or directory", 1},
+      {"play " + Quote(notTqf), "Invalid data found: not a TQF file", 1},
+      {"play " + Quote(folder_.path()), "Is a directory", 1},
+      {"play " + Quote(empty), "Invalid data found: the file is empty", 1},
+      {"play " + Quote(huge), "a picture size of 16384x352 cannot be played", 1},
       {"play " + Quote(DEMO) + " --y4m " + unwritable, "cannot write", 1},
       {"play " + Quote(DEMO) + " --png " + unwritable, "cannot make folder", 1},
       {"play " + Quote(noKeys) + " --timeout 1", "no picture for 1 s", 1},
-      {"stream " + missing, "missing, unreadable or not a TQF file", 1},
+      {"stream " + missing, "No such file or directory", 1},
       {"stream " + Quote(DEMO) + " --chunk 5000000", "--chunk is at most", 2},
       {"stream " + Quote(DEMO) + " --chunk 10 --random-chunks", "exclude each other", 2},
       {"stream " + Quote(DEMO) + " --record " + unwritable, "cannot write", 1},

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "InputProblem.h"
 #include "TQFFormat.h"
 #include "TQFReader.h"
 
@@ -230,11 +231,8 @@ int RunInfo(int argc, char** argv) {
     std::fprintf(stderr, "usage: tqfplay info FILE [--json]\n");
     return EXIT_USAGE;
   }
-  if (access(path, R_OK) != 0) return CommandError(NAME, "%s: %s", path, std::strerror(errno));
   TQFReader reader;
-  if (!reader.Open(path))
-    return CommandError(NAME, "%s: not a TQF file the player opens (empty, "
-                        "0 or more than 16 records, or records past its end)", path);
+  if (!reader.Open(path)) return CommandError(NAME, "%s", DescribeInputProblem(path).c_str());
   FileInfo info{};
   info.path = path;
   info.fileSize = reader.fileSize;

@@ -2,9 +2,11 @@
 
 #include <cstring>
 
+#include "InputProblem.h"
+
 bool MediaSource::Open(const char* path, std::string* error) {
   if (!reader_.Open(path)) {
-    *error = std::string(path) + " is missing, unreadable or not a TQF file";
+    *error = DescribeInputProblem(path);
     return false;
   }
   uint32_t type = 0;

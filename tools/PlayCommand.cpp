@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "InputProblem.h"
 #include "LibrarySession.h"
 #include "Options.h"
 #include "PictureSink.h"
@@ -63,7 +64,7 @@ int RunPlay(int argc, char** argv) {
   LibrarySession session(PictureSink::Handle, &sink);
   int32_t handle = -1;
   if (TQ_OpenFile(o.path, &handle) != 0)
-    return CommandError(NAME, "cannot play %s: missing, unreadable or not a TQF file", o.path);
+    return CommandError(NAME, "%s", DescribeInputProblem(o.path).c_str());
   uint32_t length = 0;
   TQ_GetFileTime(handle, &length);
   if (o.start > 0 && o.start >= length) {

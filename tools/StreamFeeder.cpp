@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "InputProblem.h"
+
 namespace {
 
 constexpr std::chrono::milliseconds FRAME_TIME{TQF_FRAME_DURATION_MS};
@@ -18,7 +20,7 @@ bool StreamFeeder::EndsInEightZeros(uint64_t payloadEnd) {
 
 bool StreamFeeder::Open(const char* path, std::string* error) {
   if (!reader_.Open(path) || reader_.view == nullptr) {
-    *error = std::string(path) + " is missing, unreadable or not a TQF file";
+    *error = DescribeInputProblem(path);
     return false;
   }
   size_ = reader_.fileSize;

@@ -29,6 +29,7 @@ extern "C" {
 }
 
 #include "FramePacer.h"
+#include "InputProblem.h"
 #include "LibrarySession.h"
 #include "Options.h"
 #include "PngWriter.h"
@@ -134,7 +135,7 @@ class ViewSource {
       return true;
     }
     if (TQ_OpenFile(o_.path, &handle_) != 0) {
-      *error = std::string("cannot play ") + o_.path + ": missing, unreadable or not a TQF file";
+      *error = DescribeInputProblem(o_.path);
       return false;
     }
     TQ_GetFileTime(handle_, &length_);

@@ -19,7 +19,7 @@ if(TQF_FUZZ)
   endforeach()
   pkg_check_modules(FUZZ_SWRESAMPLE REQUIRED IMPORTED_TARGET libswresample)
   target_sources(fuzz_tool PRIVATE tools/Command.cpp tools/InfoCommand.cpp tools/ImportCommand.cpp
-    tools/Options.cpp tools/OutputFile.cpp)
+    tools/Options.cpp tools/OutputFile.cpp tools/InputProblem.cpp)
   target_include_directories(fuzz_tool PRIVATE ${CMAKE_SOURCE_DIR}/tools)
   target_link_libraries(fuzz_tool PRIVATE PkgConfig::FFMPEG PkgConfig::FUZZ_SWRESAMPLE)
   add_custom_target(fuzz_targets DEPENDS ${TQF_FUZZ_TARGETS})

@@ -7,6 +7,7 @@ pkg_check_modules(SDL2 REQUIRED IMPORTED_TARGET sdl2)
 add_executable(tqfplay
   tools/tqfplay.cpp
   tools/Command.cpp
+  tools/InputProblem.cpp
   tools/Options.cpp
   tools/OutputFile.cpp
   tools/InfoCommand.cpp
