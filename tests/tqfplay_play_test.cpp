@@ -220,6 +220,10 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
     EXPECT_EQ(Lines(r.err), 1) << r.err;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
   }
+  RunResult noDisplay = Shell("env -u DISPLAY -u WAYLAND_DISPLAY -u SDL_VIDEODRIVER " + TOOL +
+                              " view " + Quote(DEMO));
+  EXPECT_EQ(noDisplay.exitCode, 1);
+  EXPECT_EQ(noDisplay.err, "tqfplay view: no display: neither DISPLAY nor WAYLAND_DISPLAY is set\n");
 }
 
 TEST_F(PlayTest, ViewerShowsTheSampleUnderXvfb) {

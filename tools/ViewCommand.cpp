@@ -313,6 +313,26 @@ void RunWindow(SdlWindow& w, ViewSource& source, LatestPicture& latest, const Vi
   }
 }
 
+bool IsSet(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr && *value != '\0';
+}
+
+// A display to open a window on, or a driver asked for by name.
+bool AskedForDisplay() {
+  return IsSet("DISPLAY") || IsSet("WAYLAND_DISPLAY") || IsSet("SDL_VIDEODRIVER");
+}
+
+// SDL falls back to drivers that show nothing (offscreen, dummy) when no
+// display can be opened. Those count only when asked for by name.
+bool HasUsableDisplay() {
+  const char* driver = SDL_GetCurrentVideoDriver();
+  const char* asked = std::getenv("SDL_VIDEODRIVER");
+  const bool invisible = driver == nullptr || std::strcmp(driver, "offscreen") == 0 ||
+                         std::strcmp(driver, "dummy") == 0;
+  return !invisible || (asked != nullptr && std::strcmp(asked, driver) == 0);
+}
+
 int RunView(int argc, char** argv) {
   ViewOptions o;
   const OptionSpec specs[] = {
@@ -324,8 +344,14 @@ int RunView(int argc, char** argv) {
   // Ctrl-C and SIGTERM are the session's to handle (exit codes 130 and 143),
   // not a quit event of SDL's.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  if (!AskedForDisplay())
+    return CommandError(NAME, "no display: neither DISPLAY nor WAYLAND_DISPLAY is set");
   if (SDL_Init(SDL_INIT_VIDEO) != 0)
     return CommandError(NAME, "no display: %s", SDL_GetError());
+  if (!HasUsableDisplay()) {
+    SDL_Quit();
+    return CommandError(NAME, "no display: no X11 or Wayland display to open a window on (set DISPLAY)");
+  }
   SdlWindow window;
   LatestPicture latest(!o.stream);
   LibrarySession session(LatestPicture::Handle, &latest);
