@@ -51,6 +51,7 @@ TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4M) {
       // the frame after it.
       {"--start 8", 8 * 25 + 1},
       {"--start 9", 9 * 25 + 1},
+      {"--start=00:00:09.500", 9 * 25 + 1},  // the library seeks to whole seconds
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options);
@@ -212,6 +213,12 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
       {"stream " + Quote(DEMO) + " --record " + unwritable, "cannot write", 1},
       {"stream " + Quote(noKeys) + " --timeout 1", "gave no picture", 1},
       {"view " + missing + " --autoexit", "", 1},
+      {"play " + Quote(DEMO) + " --every 5", "--every needs --png", 2},
+      {"play " + Quote(DEMO) + " --start 1:75", "bad value '1:75' for --start", 2},
+      {"play " + Quote(DEMO) + " --realtime=1", "--realtime takes no value", 2},
+      {"stream " + Quote(DEMO) + " --record-after 1", "--record-after needs --record", 2},
+      {"view --stream --start 1 " + Quote(DEMO), "--start has no meaning", 2},
+      {"info --bogus " + Quote(DEMO), "unknown option '--bogus'", 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.arguments);

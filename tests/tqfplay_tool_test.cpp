@@ -178,6 +178,8 @@ TEST_F(ToolTest, HelpAndUsage) {
   r = Tool("info " + Quote(notTqf));
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(Lines(r.err), 1) << r.err;
+  r = Tool("--version");
+  EXPECT_EQ(r.out.rfind("tqfplay ", 0), 0u) << r.out;
 }
 
 }  // namespace

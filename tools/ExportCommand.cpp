@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <strings.h>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,9 +36,10 @@ constexpr int64_t AAC_BIT_RATE = 32000;
 constexpr uint8_t H264_NAL_IDR = 5;
 constexpr uint8_t H264_NAL_NON_IDR = 1;
 
+// Extensions match without regard to case (".MP4").
 bool EndsWith(const std::string& text, const char* suffix) {
   size_t n = std::strlen(suffix);
-  return text.size() >= n && text.compare(text.size() - n, n, suffix) == 0;
+  return text.size() >= n && strcasecmp(text.c_str() + text.size() - n, suffix) == 0;
 }
 
 // The Annex B prefix of an H.264 key frame up to its first slice: the SPS

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "InputProblem.h"
+#include "Options.h"
 #include "TQFFormat.h"
 #include "TQFReader.h"
 
@@ -217,20 +218,8 @@ void PrintJson(const FileInfo& info) {
 int RunInfo(int argc, char** argv) {
   const char* path = nullptr;
   bool json = false;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--json") == 0) {
-      json = true;
-    } else if (argv[i][0] == '-' || path != nullptr) {
-      std::fprintf(stderr, "usage: tqfplay info FILE [--json]\n");
-      return EXIT_USAGE;
-    } else {
-      path = argv[i];
-    }
-  }
-  if (path == nullptr) {
-    std::fprintf(stderr, "usage: tqfplay info FILE [--json]\n");
-    return EXIT_USAGE;
-  }
+  const OptionSpec specs[] = {{"--json", OptionKind::FLAG, &json}};
+  if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &path, 1, 1)) return EXIT_USAGE;
   TQFReader reader;
   if (!reader.Open(path)) return CommandError(NAME, "%s", DescribeInputProblem(path).c_str());
   FileInfo info{};

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "Command.h"
 
@@ -18,6 +19,47 @@ bool ParseWholeNumber(const char* text, uint32_t minimum, uint32_t* value) {
   *value = static_cast<uint32_t>(number);
   return true;
 }
+
+// Whole decimal digits at `*text`, at least one; advances `*text`.
+bool ParseDigits(const char** text, uint64_t* value, int* count) {
+  *value = 0;
+  *count = 0;
+  for (; **text >= '0' && **text <= '9' && *count < 12; ++*text, ++*count)
+    *value = *value * 10 + static_cast<uint64_t>(**text - '0');
+  return *count > 0;
+}
+
+}  // namespace
+
+bool ParseTime(const char* text, uint32_t* milliseconds) {
+  uint64_t fields[3] = {};
+  int fieldCount = 0;
+  int digits = 0;
+  for (;;) {
+    if (fieldCount == 3 || !ParseDigits(&text, &fields[fieldCount++], &digits)) return false;
+    if (*text != ':') break;
+    ++text;
+  }
+  uint64_t fraction = 0;  // milliseconds
+  if (*text == '.') {
+    ++text;
+    uint64_t value;
+    if (!ParseDigits(&text, &value, &digits) || digits > 3) return false;
+    fraction = value * (digits == 1 ? 100 : digits == 2 ? 10 : 1);
+  }
+  if (*text != '\0') return false;
+  uint64_t seconds = 0;
+  for (int i = 0; i < fieldCount; ++i) {
+    if (i > 0 && fields[i] >= 60) return false;  // minutes and seconds below a larger field
+    seconds = seconds * 60 + fields[i];
+  }
+  const uint64_t total = seconds * 1000 + fraction;
+  if (total > INT32_MAX) return false;
+  *milliseconds = static_cast<uint32_t>(total);
+  return true;
+}
+
+namespace {
 
 const OptionSpec* FindSpec(const OptionSpec* specs, size_t count, const char* name) {
   for (size_t i = 0; i < count; ++i)
@@ -38,6 +80,8 @@ bool StoreValue(const OptionSpec& rule, const char* text) {
       return ParseWholeNumber(text, 1, static_cast<uint32_t*>(rule.value));
     case OptionKind::NUMBER:
       return ParseWholeNumber(text, 0, static_cast<uint32_t*>(rule.value));
+    case OptionKind::TIME:
+      return ParseTime(text, static_cast<uint32_t*>(rule.value));
   }
   return false;
 }
@@ -76,13 +120,20 @@ bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* 
       continue;
     }
     if (ParseCommonOption(argument)) continue;
-    const OptionSpec* rule = FindSpec(specs, specCount, argument);
+    // "--name=value" is "--name value".
+    const char* equals = std::strncmp(argument, "--", 2) == 0 ? std::strchr(argument, '=') : nullptr;
+    const std::string name = equals ? std::string(argument, equals) : std::string(argument);
+    const OptionSpec* rule = FindSpec(specs, specCount, name.c_str());
     if (rule == nullptr) {
-      CommandError(command, "unknown option '%s' (see --help)", argument);
+      CommandError(command, "unknown option '%s' (see --help)", name.c_str());
       return false;
     }
-    const char* text = nullptr;
-    if (rule->kind != OptionKind::FLAG) {
+    const char* text = equals ? equals + 1 : nullptr;
+    if (rule->kind == OptionKind::FLAG && equals) {
+      CommandError(command, "%s takes no value", name.c_str());
+      return false;
+    }
+    if (rule->kind != OptionKind::FLAG && !equals) {
       if (i + 1 == argc) {
         CommandError(command, "%s needs a value", argument);
         return false;
@@ -90,7 +141,7 @@ bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* 
       text = argv[++i];
     }
     if (!StoreValue(*rule, text)) {
-      CommandError(command, "bad value '%s' for %s", text, argument);
+      CommandError(command, "bad value '%s' for %s", text, name.c_str());
       return false;
     }
   }

@@ -22,7 +22,7 @@ constexpr std::chrono::milliseconds POLL_INTERVAL{20};
 struct PlayOptions {
   const char* path = nullptr;
   PictureSinkOptions sink;
-  uint32_t start = 0;
+  uint32_t startMs = 0;  // the library seeks to whole seconds: the fraction is dropped
   uint32_t timeout = DEFAULT_TIMEOUT_SECONDS;
 };
 
@@ -31,11 +31,16 @@ bool ParsePlayOptions(int argc, char** argv, PlayOptions* o) {
       {"--y4m", OptionKind::TEXT, &o->sink.y4mPath},
       {"--png", OptionKind::TEXT, &o->sink.pngFolder},
       {"--every", OptionKind::COUNT, &o->sink.pngEvery},
-      {"--start", OptionKind::NUMBER, &o->start},
+      {"--start", OptionKind::TIME, &o->startMs},
       {"--realtime", OptionKind::FLAG, &o->sink.realtime},
       {"--timeout", OptionKind::COUNT, &o->timeout},
   };
-  return ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1);
+  if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1)) return false;
+  if (o->sink.pngEvery != PictureSinkOptions().pngEvery && o->sink.pngFolder == nullptr) {
+    CommandError(NAME, "--every needs --png");
+    return false;
+  }
+  return true;
 }
 
 // Why the wait for the end stopped.
@@ -49,7 +54,7 @@ PlayEnd WaitForEnd(const LibrarySession& session, const PictureSink& sink, const
     if (sink.Failed()) return PlayEnd::OUTPUT_FAILED;
     if (LibrarySession::Interrupted()) return PlayEnd::INTERRUPTED;
     if (sink.SinceLastPicture() > timeout) return PlayEnd::NO_PICTURES;
-    progress.Show(o.start + sink.Pictures() * (TQF_FRAME_DURATION_MS / 1000.0), length);
+    progress.Show(o.startMs / 1000 + sink.Pictures() * (TQF_FRAME_DURATION_MS / 1000.0), length);
     std::this_thread::sleep_for(POLL_INTERVAL);
   }
 }
@@ -67,12 +72,13 @@ int RunPlay(int argc, char** argv) {
     return CommandError(NAME, "%s", DescribeInputProblem(o.path).c_str());
   uint32_t length = 0;
   TQ_GetFileTime(handle, &length);
-  if (o.start > 0 && o.start >= length) {
+  const uint32_t start = o.startMs / 1000;
+  if (start > 0 && start >= length) {
     TQ_CloseFile(handle);
-    return CommandError(NAME, "--start %u is past the end of %s (%u s)", o.start, o.path, length);
+    return CommandError(NAME, "--start %u is past the end of %s (%u s)", start, o.path, length);
   }
   ProgressMeter progress;
-  session.PlayFrom(handle, o.start);
+  session.PlayFrom(handle, start);
   PlayEnd end = WaitForEnd(session, sink, o, length, progress);
   TQ_CloseFile(handle);  // no picture arrives after this
   progress.Clear();

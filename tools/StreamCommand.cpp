@@ -29,7 +29,7 @@ struct StreamOptions {
   FeedOptions feed;
   bool chunkGiven = false;
   const char* recordPath = nullptr;
-  uint32_t recordAfter = 0;
+  uint32_t recordAfterMs = 0;
   PictureSinkOptions sink;
   uint32_t timeout = DEFAULT_TIMEOUT_SECONDS;
 };
@@ -41,7 +41,7 @@ bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
       {"--random-chunks", OptionKind::FLAG, &o->feed.randomChunks},
       {"--seed", OptionKind::NUMBER, &o->feed.seed},
       {"--record", OptionKind::TEXT, &o->recordPath},
-      {"--record-after", OptionKind::NUMBER, &o->recordAfter},
+      {"--record-after", OptionKind::TIME, &o->recordAfterMs},
       {"--y4m", OptionKind::TEXT, &o->sink.y4mPath},
       {"--png", OptionKind::TEXT, &o->sink.pngFolder},
       {"--every", OptionKind::COUNT, &o->sink.pngEvery},
@@ -58,6 +58,14 @@ bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
     return false;
   }
   if (chunk != 0) o->feed.chunkBytes = chunk;
+  if (o->recordAfterMs != 0 && o->recordPath == nullptr) {
+    CommandError(NAME, "--record-after needs --record");
+    return false;
+  }
+  if (o->sink.pngEvery != PictureSinkOptions().pngEvery && o->sink.pngFolder == nullptr) {
+    CommandError(NAME, "--every needs --png");
+    return false;
+  }
   return true;
 }
 
@@ -106,10 +114,10 @@ class StreamRun {
 
  private:
   // The library records the frames fed after TQ_StartRecord: start before
-  // the chunk that completes the frame at `recordAfter` seconds.
+  // the chunk that completes the frame at `recordAfterMs`.
   void StartRecordWhenDue(int32_t handle, const StreamFeeder::Chunk& chunk) {
     if (recordPath_ == nullptr || recording_ ||
-        chunk.framesFedAfter <= o_.recordAfter * TQF_FRAMES_PER_SECOND)
+        chunk.framesFedAfter <= o_.recordAfterMs / TQF_FRAME_DURATION_MS)
       return;
     TQ_StartRecord(handle, recordPath_);
     recording_ = true;

@@ -48,7 +48,7 @@ constexpr const char SNAPSHOT_VARIABLE[] = "TQFPLAY_VIEW_SNAPSHOT";
 struct ViewOptions {
   const char* path = nullptr;
   bool stream = false;
-  uint32_t start = 0;
+  uint32_t startMs = 0;  // the library seeks to whole seconds
   bool autoExit = false;
 };
 
@@ -139,7 +139,7 @@ class ViewSource {
       return false;
     }
     TQ_GetFileTime(handle_, &length_);
-    session_.PlayFrom(handle_, o_.start);
+    session_.PlayFrom(handle_, o_.startMs / 1000);
     return true;
   }
 
@@ -337,10 +337,14 @@ int RunView(int argc, char** argv) {
   ViewOptions o;
   const OptionSpec specs[] = {
       {"--stream", OptionKind::FLAG, &o.stream},
-      {"--start", OptionKind::NUMBER, &o.start},
+      {"--start", OptionKind::TIME, &o.startMs},
       {"--autoexit", OptionKind::FLAG, &o.autoExit},
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o.path, 1, 1)) return EXIT_USAGE;
+  if (o.stream && o.startMs != 0) {
+    CommandError(NAME, "--start has no meaning for a live --stream");
+    return EXIT_USAGE;
+  }
   // Ctrl-C and SIGTERM are the session's to handle (exit codes 130 and 143),
   // not a quit event of SDL's.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");

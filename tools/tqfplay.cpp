@@ -41,6 +41,10 @@ int main(int argc, char** argv) {
     PrintToolHelp(stderr);
     return EXIT_USAGE;
   }
+  if (std::strcmp(argv[1], "--version") == 0) {
+    std::printf("tqfplay %s\n", TQF_VERSION);
+    return 0;
+  }
   if (IsHelpOption(argv[1])) {
     PrintToolHelp(stdout);
     return 0;

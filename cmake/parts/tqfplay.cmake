@@ -27,6 +27,7 @@ add_executable(tqfplay
   tools/ProgressMeter.cpp)
 target_link_libraries(tqfplay PRIVATE TQFPlay tqf_core PkgConfig::FFMPEG PkgConfig::SWRESAMPLE
   PkgConfig::SDL2)
+target_compile_definitions(tqfplay PRIVATE TQF_VERSION="${PROJECT_VERSION}")
 # build/tqfplay finds build/libTQFPlay.so by the build tree's rpath; an
 # installed tqfplay finds the installed library beside its bin folder.
 include(GNUInstallDirs)
