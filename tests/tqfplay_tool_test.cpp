@@ -18,8 +18,19 @@ TEST_F(ToolTest, InfoDescribesTheDemoSample) {
   EXPECT_NE(r.out.find("\"stream\":0,\"indexed\":true,\"frames\":250,"), std::string::npos);
   EXPECT_NE(r.out.find("\"keyFrames\":[0,50,100,150,200],\"keySpacingMin\":50,\"keySpacingMax\":50"),
             std::string::npos);
-  EXPECT_NE(r.out.find("\"stream\":1,\"indexed\":true,\"frames\":125,"), std::string::npos);
-  EXPECT_NE(r.out.find("\"durationMs\":10000,\"skippedBytes\":0"), std::string::npos);
+  // Audio frames all carry the key flag; only video key frames are listed.
+  EXPECT_NE(r.out.find("\"stream\":1,\"indexed\":true,\"frames\":125,\"payloadBytes\":40000,"
+                       "\"firstStamp\":0,\"lastStamp\":9920,\"keyFrames\":[]"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("\"codec\":\"G.726\",\"sampleRate\":8000"), std::string::npos);
+  EXPECT_NE(r.out.find("\"durationMs\":10000,\"bitRate\":654016,\"skippedBytes\":0"),
+            std::string::npos);
+  // Valid JSON whatever the file is called; a failed write of the report fails.
+  const std::string latin1 = folder_.File("caf\xe9.tqf");
+  ASSERT_EQ(RunShell(folder_, "cp " + Quote(SAMPLES + "demo.tqf") + " " + Quote(latin1)).exitCode, 0);
+  EXPECT_EQ(RunShell(folder_, TOOL + " info --json " + Quote(latin1) + " | python3 -m json.tool")
+                .exitCode, 0);
+  EXPECT_EQ(Tool("info " + Quote(SAMPLES + "demo.tqf") + " > /dev/full").exitCode, 1);
 
   RunResult text = Tool(Quote(SAMPLES + "demo.tqf") + " info");
   EXPECT_NE(text.exitCode, 0);  // the command comes first
@@ -35,6 +46,7 @@ TEST_F(ToolTest, InfoDescribesTheJpegSample) {
   EXPECT_NE(r.out.find("\"compression\":\"JPEG\""), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"stream\":0,\"indexed\":true,\"frames\":49,"), std::string::npos);
   EXPECT_NE(r.out.find("\"keySpacingMin\":1,\"keySpacingMax\":1"), std::string::npos);
+  EXPECT_NE(Tool("info " + Quote(SAMPLES + "jpeg422.tqf")).out.find(", 1 record, "), std::string::npos);
 }
 
 TEST_F(ToolTest, InfoCountsDamageAndUnindexedStreams) {
@@ -47,7 +59,10 @@ TEST_F(ToolTest, InfoCountsDamageAndUnindexedStreams) {
   ASSERT_TRUE(WriteWholeFile(path, bytes));
   RunResult r = Tool("info --json " + Quote(path));
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_NE(r.out.find("\"skippedBytes\":1234"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"skippedBytes\":1234,\"damageCount\":1,\"damage\":[{\"offset\":64,"
+                       "\"length\":1234}]"),
+            std::string::npos)
+      << r.out;
   EXPECT_NE(r.out.find("\"stream\":0,\"indexed\":true,\"frames\":48,"), std::string::npos);
   EXPECT_NE(r.out.find("\"stream\":9,\"indexed\":false,\"frames\":1,"), std::string::npos);
 }
