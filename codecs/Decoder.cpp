@@ -38,11 +38,18 @@ constexpr FactoryEntry FACTORY[] = {
     {false, DECODER_KEY_G726, Make<G726Decoder>},
 };
 
+const FactoryEntry* FindEntry(bool video, uint32_t key) {
+  for (const FactoryEntry& entry : FACTORY)
+    if (entry.video == video && entry.key == key) return &entry;
+  return nullptr;
+}
+
 }  // namespace
 
 Decoder* CreateDecoder(bool video, uint32_t key) {
   RouteLibavLogToDebugSink();
-  for (const FactoryEntry& entry : FACTORY)
-    if (entry.video == video && entry.key == key) return entry.make();
-  return nullptr;
+  const FactoryEntry* entry = FindEntry(video, key);
+  return entry != nullptr ? entry->make() : nullptr;
 }
+
+bool HasDecoder(bool video, uint32_t key) { return FindEntry(video, key) != nullptr; }

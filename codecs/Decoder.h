@@ -71,3 +71,6 @@ constexpr uint32_t DECODER_KEY_G726 = 100;
 // or when memory runs out. The AVS and JPEG members bind their plugin here; a
 // missing plugin is reported but still gives an object.
 Decoder* CreateDecoder(bool video, uint32_t key);
+
+// Whether CreateDecoder knows (video, key), without making a member.
+bool HasDecoder(bool video, uint32_t key);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -186,6 +187,12 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
   hugeBytes[28] = 0x00;  // the descriptor's width: 16384
   hugeBytes[29] = 0x40;
   ASSERT_TRUE(WriteWholeFile(huge, hugeBytes));
+  // The header block alone, and the codec renamed in the record type and the descriptor.
+  const std::string headerOnly = folder_.File("header.tqf"), unknown = folder_.File("xv1d.tqf");
+  std::vector<uint8_t> renamed = ReadWholeFile(DEMO);
+  ASSERT_TRUE(WriteWholeFile(headerOnly, std::vector<uint8_t>(renamed.begin(), renamed.begin() + 100)));
+  for (size_t at : {16, 40}) std::memcpy(&renamed[at], "XV1D", 4);
+  ASSERT_TRUE(WriteWholeFile(unknown, renamed));
   const std::string unwritable = Quote(folder_.File("no/such/folder/out"));
   struct Case {
     std::string arguments;
@@ -206,12 +213,17 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
       {"play " + Quote(huge), "a picture size of 16384x352 cannot be played", 1},
       {"play " + Quote(DEMO) + " --y4m " + unwritable, "cannot write", 1},
       {"play " + Quote(DEMO) + " --png " + unwritable, "cannot make folder", 1},
-      {"play " + Quote(noKeys) + " --timeout 1", "no picture for 1 s", 1},
+      {"play " + Quote(noKeys), "no key frame in its 250 video frames", 1},
+      {"view --autoexit " + Quote(noKeys), "no key frame in its 250 video frames", 1},
+      {"stream " + Quote(noKeys), "no key frame in its 250 video frames", 1},
+      {"play " + Quote(headerOnly), "no complete video frame", 1},
+      {"stream " + Quote(headerOnly), "no complete video frame", 1},
+      {"play " + Quote(unknown), "no decoder for the video codec 'XV1D'", 1},
+      {"stream " + Quote(unknown), "no decoder for the video codec 'XV1D'", 1},
       {"stream " + missing, "No such file or directory", 1},
       {"stream " + Quote(DEMO) + " --chunk 5000000", "--chunk is at most", 2},
       {"stream " + Quote(DEMO) + " --chunk 10 --random-chunks", "exclude each other", 2},
       {"stream " + Quote(DEMO) + " --record " + unwritable, "cannot write", 1},
-      {"stream " + Quote(noKeys) + " --timeout 1", "gave no picture", 1},
       {"view " + missing + " --autoexit", "", 1},
       {"play " + Quote(DEMO) + " --every 5", "--every needs --png", 2},
       {"play " + Quote(DEMO) + " --start 1:75", "bad value '1:75' for --start", 2},

@@ -3,6 +3,9 @@
 // usage; `run` gets the arguments after the subcommand's name.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 struct Command {
   const char* name;
   const char* summary;  // one line for the tool's own help
@@ -16,3 +19,10 @@ constexpr int EXIT_USAGE = 2;  // wrong arguments; a failure of the work itself 
 // Prints "tqfplay <command>: <message>" as one line on stderr and gives 1.
 int CommandError(const char* command, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
+
+// A FourCC as its four letters ("H264"), or as 0x%08X when one of them does
+// not print or is a quote or backslash (so that the text fits in JSON as is).
+std::string FourCCText(uint32_t value);
+
+// A count and its noun: "1 record", "2 records".
+std::string Count(uint64_t n, const char* noun);

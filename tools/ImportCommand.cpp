@@ -405,8 +405,8 @@ int RunImport(int argc, char** argv) {
   if (c.videoFrames == 0) return CommandError(NAME, "%s: no video packets", c.inputPath);
   std::string error;
   if (!c.output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
-  std::fprintf(stderr, "%s: %u video frames (%u key frames), %u audio frames\n", c.outputPath,
-              c.videoFrames, c.keyFrames, c.audioFrames);
+  std::fprintf(stderr, "%s: %s (%s), %s\n", c.outputPath, Count(c.videoFrames, "video frame").c_str(),
+               Count(c.keyFrames, "key frame").c_str(), Count(c.audioFrames, "audio frame").c_str());
   return 0;
 }
 

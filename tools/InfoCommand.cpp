@@ -101,19 +101,6 @@ bool ReadRecords(TQFReader& reader, FileInfo& info) {
 }
 
 // A FourCC as its four characters when they are printable, else as hex.
-std::string FourCCText(uint32_t value) {
-  char text[16];
-  bool printable = true;
-  for (int i = 0; i < 4; ++i) {
-    text[i] = static_cast<char>(value >> (8 * i));
-    printable = printable && std::isprint(static_cast<unsigned char>(text[i])) && text[i] != '"' &&
-                text[i] != '\\';
-  }
-  if (printable) return std::string(text, 4);
-  std::snprintf(text, sizeof text, "0x%08" PRIX32, value);
-  return text;
-}
-
 // The length of the well-formed UTF-8 sequence at `p`, or 0.
 size_t Utf8Length(const unsigned char* p) {
   const size_t length = p[0] < 0x80 ? 1 : (p[0] >> 5) == 0x6 ? 2 : (p[0] >> 4) == 0xE ? 3
@@ -142,11 +129,6 @@ std::string JsonString(const char* text) {
     }
   }
   return out + "\"";
-}
-
-// "1 record", "2 records".
-std::string Count(uint64_t n, const char* noun) {
-  return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
 }
 
 uint64_t BitRate(const FileInfo& info);

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
+#include "Command.h"
+#include "Decoder.h"
 #include "TQFFormat.h"
 #include "TQFReader.h"
 
@@ -45,6 +48,34 @@ std::string Cause(const char* path) {
   return "refused by the library";
 }
 
+std::string NothingToPlay(TQFReader& reader, CodecField field) {
+  MediaDescriptor video{};
+  uint32_t type = 0;
+  int32_t length = sizeof video;
+  if (!reader.GetRecord(0, &type, reinterpret_cast<uint8_t*>(&video), &length))
+    return "no video record";
+  const uint32_t codec = field == CodecField::RECORD_TYPE ? type : video.compression;
+  if (!HasDecoder(/*video=*/true, codec))
+    return "no decoder for the video codec '" + FourCCText(codec) + "'";
+  const FrameIndex& frames = reader.index[TQF_STREAM_VIDEO];
+  if (frames.count == 0) return "no complete video frame (a header block alone, or cut short)";
+  for (uint32_t i = 0; i < frames.count; ++i)
+    if (IsKeyFrameInfo(frames.entries[i].info)) return "";
+  return "no key frame in its " + std::to_string(frames.count) +
+         " video frames: nothing can be shown";
+}
+
 }  // namespace
+
+std::string DescribeNothingToPlay(TQFReader& reader, const char* path, CodecField field) {
+  std::string cause = NothingToPlay(reader, field);
+  return cause.empty() ? cause : std::string(path) + ": " + cause;
+}
+
+std::string DescribeNothingToPlay(const char* path, CodecField field) {
+  TQFReader reader;
+  if (!reader.Open(path)) return DescribeInputProblem(path);
+  return DescribeNothingToPlay(reader, path, field);
+}
 
 std::string DescribeInputProblem(const char* path) { return std::string(path) + ": " + Cause(path); }

@@ -64,6 +64,7 @@ void PictureSink::Deliver(const Picture& picture) {
   lastPictureNs_.store(NowNs());
   {
     std::lock_guard<std::mutex> guard(mutex_);
+    lastStamp_ = picture.stamp;
     pictures_.store(number + 1);
   }
   arrived_.notify_all();
@@ -75,14 +76,29 @@ void PictureSink::Fail(const std::string& message) {
   error_ = message;
 }
 
-bool PictureSink::WaitForPictures(uint32_t count, std::chrono::milliseconds timeout) {
+template <typename Done>
+bool PictureSink::WaitUntil(Done done, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(mutex_);
-  while (pictures_.load() < count) {
+  while (!done()) {
     uint32_t before = pictures_.load();
     if (!arrived_.wait_for(lock, timeout, [&] { return pictures_.load() != before; }))
       return false;
   }
   return true;
+}
+
+bool PictureSink::WaitForPictures(uint32_t count, std::chrono::milliseconds timeout) {
+  return WaitUntil([&] { return pictures_.load() >= count; }, timeout);
+}
+
+bool PictureSink::WaitForLastFrame(uint32_t count, uint32_t lastStamp, uint32_t held,
+                                   std::chrono::milliseconds timeout) {
+  return WaitUntil(
+      [&] {
+        const uint32_t pictures = pictures_.load();
+        return pictures >= count || (lastStamp_ == lastStamp && pictures + held >= count);
+      },
+      timeout);
 }
 
 std::chrono::milliseconds PictureSink::SinceLastPicture() const {

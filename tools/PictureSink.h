@@ -38,6 +38,12 @@ class PictureSink {
   // Waits until at least `count` pictures have arrived, or for `timeout`
   // after the last picture (or the call) if none comes. True if they did.
   bool WaitForPictures(uint32_t count, std::chrono::milliseconds timeout);
+  // The same, but also true once the picture of the frame stamped `lastStamp`
+  // has arrived with at most `held` of the `count` missing: a decoder that
+  // reorders (B-frames) keeps its last pictures until more data comes, and a
+  // stream that has ended brings none.
+  bool WaitForLastFrame(uint32_t count, uint32_t lastStamp, uint32_t held,
+                        std::chrono::milliseconds timeout);
   // Time since the last picture, or since Open when there was none.
   std::chrono::milliseconds SinceLastPicture() const;
   // Whether writing an output failed; the message is for Close.
@@ -50,6 +56,9 @@ class PictureSink {
 
  private:
   void Deliver(const Picture& picture);
+  // Waits while pictures arrive until `done` holds (under mutex_).
+  template <typename Done>
+  bool WaitUntil(Done done, std::chrono::milliseconds timeout);
   void Fail(const std::string& message);
 
   PictureSinkOptions options_;
@@ -59,7 +68,8 @@ class PictureSink {
   std::atomic<uint32_t> pictures_{0};
   std::atomic<int64_t> lastPictureNs_{0};  // steady clock
   std::atomic<bool> failed_{false};
-  std::mutex mutex_;  // guards error_ and pairs with arrived_
+  std::mutex mutex_;  // guards error_ and lastStamp_, and pairs with arrived_
+  uint32_t lastStamp_ = 0;
   std::condition_variable arrived_;
   std::string error_;
 };

@@ -70,6 +70,11 @@ int RunPlay(int argc, char** argv) {
   int32_t handle = -1;
   if (TQ_OpenFile(o.path, &handle) != 0)
     return CommandError(NAME, "%s", DescribeInputProblem(o.path).c_str());
+  const std::string nothing = DescribeNothingToPlay(o.path, CodecField::RECORD_TYPE);
+  if (!nothing.empty()) {
+    TQ_CloseFile(handle);
+    return CommandError(NAME, "%s", nothing.c_str());
+  }
   uint32_t length = 0;
   TQ_GetFileTime(handle, &length);
   const uint32_t start = o.startMs / 1000;
@@ -119,8 +124,7 @@ extern const Command PLAY_COMMAND = {
     "  --start SECONDS  seek there with TQ_SetPlayTime once the first key frame is met;\n"
     "                   the pictures begin with the frame after that time\n"
     "  --realtime       deliver 25 pictures a second, paced in the picture callback\n"
-    "  --timeout SECS   give up when no picture comes for this long (default 10);\n"
-    "                   a file without key frames plays nothing and never ends\n"
+    "  --timeout SECS   give up when no picture comes for this long (default 10)\n"
     "\n"
     "A progress bar shows on a terminal; the last line sums up the run.\n",
     RunPlay,

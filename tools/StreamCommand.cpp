@@ -23,6 +23,8 @@ namespace {
 
 constexpr const char NAME[] = "stream";
 constexpr uint32_t DEFAULT_TIMEOUT_SECONDS = 10;
+// The most pictures an H.264 decoder holds back to put them in display order.
+constexpr uint32_t MAX_REORDER_HELD_PICTURES = 16;
 
 struct StreamOptions {
   const char* path = nullptr;
@@ -102,9 +104,12 @@ class StreamRun {
       feeder_.Advance(chunk);
       progress.Show(feeder_.FramesFed() * (TQF_FRAME_DURATION_MS / 1000.0), feeder_.Length());
     }
-    // The last frames are queued; wait until they are shown.
+    // The last frames are queued; wait until they are shown, or until the
+    // last one is decoded when the decoder holds pictures back for reordering.
     uint32_t expected = feeder_.DeliverableFed();
-    if (expected > missing_) sink_.WaitForPictures(expected - missing_, timeout);
+    if (expected > missing_)
+      sink_.WaitForLastFrame(expected - missing_, feeder_.LastDeliverableStamp(),
+                             MAX_REORDER_HELD_PICTURES, timeout);
     return 0;
   }
 

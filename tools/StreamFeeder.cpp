@@ -44,12 +44,15 @@ bool StreamFeeder::Open(const char* path, std::string* error) {
     const uint64_t end = entry.payloadOffset + FramePayloadLength(entry.info);
     sawKey = sawKey || IsKeyFrameInfo(entry.info);
     // The eight bytes may reach back into the frame head, as the player's test does.
-    if (sawKey && FramePayloadLength(entry.info) > 0 && !EndsInEightZeros(end))
+    if (sawKey && FramePayloadLength(entry.info) > 0 && !EndsInEightZeros(end)) {
       ++deliverable;
+      lastDeliverableStamp_ = entry.stamp;
+    }
     frameEnds_.push_back(end);
     deliverable_.push_back(deliverable);
   }
-  return true;
+  *error = DescribeNothingToPlay(reader_, path, CodecField::DESCRIPTOR_COMPRESSION);
+  return error->empty();
 }
 
 StreamFeeder::Chunk StreamFeeder::NextChunk(const FeedOptions& options) {

@@ -39,7 +39,8 @@ class StreamFeeder {
   static constexpr uint32_t WINDOW_FRAMES = 25;
 
   // Maps `path` and finds its header block and video frames. False with a
-  // message for a file that is missing or not TQF.
+  // message for a file that is missing or not TQF, or that would give no
+  // picture (DescribeNothingToPlay).
   bool Open(const char* path, std::string* error);
 
   const uint8_t* Header() const { return header_.data(); }
@@ -47,6 +48,8 @@ class StreamFeeder {
   // Video frames the player can deliver: those from the first key frame on
   // whose payload does not end in eight zero bytes (the player skips those).
   uint32_t DeliverableFrames() const { return deliverable_.empty() ? 0 : deliverable_.back(); }
+  // The stamp of the last deliverable frame.
+  uint32_t LastDeliverableStamp() const { return lastDeliverableStamp_; }
   // Seconds of video in the file, 40 ms a frame.
   double Length() const { return frameEnds_.size() * 0.04; }
 
@@ -86,6 +89,7 @@ class StreamFeeder {
   std::vector<uint64_t> frameEnds_;    // file offsets just past each video frame
   std::vector<uint32_t> deliverable_;  // deliverable frames up to and with each
   uint32_t framesFed_ = 0;
+  uint32_t lastDeliverableStamp_ = 0;
   std::mt19937 random_;
   bool seeded_ = false;
   std::chrono::steady_clock::time_point clockStart_;
