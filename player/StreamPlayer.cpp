@@ -5,6 +5,7 @@
 #include "Decoder.h"
 #include "Diagnostics.h"
 #include "OSTime.h"
+#include "StreamHeader.h"
 #include "ThreadStartRecord.h"
 
 namespace {
@@ -110,33 +111,10 @@ void StreamPlayer::ReleaseAll() {
 }
 
 void StreamPlayer::ValidateHeader(const uint8_t* header, uint32_t size) {
-  if (LoadU32(header) != TQF_FILE_MAGIC) throw -1;
-  if (static_cast<uint64_t>(LoadU32(header + 4)) + 8 != size) throw -1;
-  const uint32_t recordCount = LoadU32(header + 12);
-  if (recordCount < 1 || recordCount > TQF_READER_MAX_RECORDS) throw -1;
-
-  uint32_t offset = 16;
-  uint32_t remaining = size - 16;
-  const uint8_t* payload = nullptr;
-  for (uint32_t i = 0; i < recordCount; ++i) {
-    if (remaining < 8) throw -1;
-    remaining -= 8;
-    const uint32_t length = LoadU32(header + offset + 4);
-    if (remaining < length) throw -1;
-    remaining -= length;
-    if (length > TQF_STREAM_MAX_RECORD_PAYLOAD) throw -1;
-    if (IsFourCCRecordType(LoadU32(header + offset))) {
-      payload = header + offset + 8;
-      break;
-    }
-    offset += 8 + length;
-  }
-  if (payload == nullptr) return;  // no video record: no decoder, size -1
-
-  // 40 bytes are taken from where the record starts, whatever its length;
-  // bytes past the end of the header block read as zero.
-  const size_t available = static_cast<size_t>(header + size - payload);
-  memcpy(descriptor, payload, available < sizeof descriptor ? available : sizeof descriptor);
+  StreamHeader parsed;
+  if (!parsed.Parse(header, size)) throw -1;
+  if (!parsed.hasVideo) return;  // no video record: no decoder, size -1
+  memcpy(descriptor, &parsed.video, sizeof descriptor);
   videoDecoder = CreateDecoder(true, LoadU32(descriptor + 16));
   const int32_t w = static_cast<int32_t>(LoadU32(descriptor + 4));
   const int32_t h = static_cast<int32_t>(LoadU32(descriptor + 8));

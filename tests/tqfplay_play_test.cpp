@@ -97,14 +97,23 @@ TEST_F(PlayTest, PngStillsDecodeWithThePictureSize) {
             0.5);
 }
 
-TEST_F(PlayTest, StreamDeliversEveryFrameWhateverTheChunks) {
-  const char* feeds[] = {"--random-chunks --seed 7", "--chunk 1", "--chunk 4194304"};
-  for (const char* feed : feeds) {
-    SCOPED_TRACE(feed);
-    std::string y4m = folder_.File("stream.y4m");
-    RunResult r = Tool("stream -y " + Quote(DEMO) + " " + feed + " --y4m " + Quote(y4m));
+// From a file, standard input or a FIFO, in chunks of any size.
+TEST_F(PlayTest, StreamDeliversEveryFrameWhateverTheSourceAndChunks) {
+  const std::string y4m = Quote(folder_.File("stream.y4m")), fifo = Quote(folder_.File("camera"));
+  ASSERT_EQ(Shell("mkfifo " + fifo).exitCode, 0);
+  const std::string stream = TOOL + " stream -y ";
+  const std::string commands[] = {
+      stream + Quote(DEMO) + " --random-chunks --seed 7 --y4m " + y4m,
+      stream + Quote(DEMO) + " --chunk 1 --y4m " + y4m,
+      stream + Quote(DEMO) + " --chunk 4194304 --y4m " + y4m,
+      "cat " + Quote(DEMO) + " | " + stream + "- --random-chunks --y4m - > " + y4m,
+      "(cat " + Quote(DEMO) + " > " + fifo + " &); " + stream + fifo + " --chunk 1000 --y4m " + y4m,
+  };
+  for (const std::string& command : commands) {
+    SCOPED_TRACE(command);
+    RunResult r = Shell(command);
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(ReadY4M(y4m).hashes, DemoReference().hashes);
+    EXPECT_EQ(ReadY4M(folder_.File("stream.y4m")).hashes, DemoReference().hashes);
     EXPECT_EQ(r.err.find("gave no picture"), std::string::npos) << r.err;
   }
 }

@@ -48,34 +48,31 @@ std::string Cause(const char* path) {
   return "refused by the library";
 }
 
-std::string NothingToPlay(TQFReader& reader, CodecField field) {
-  MediaDescriptor video{};
-  uint32_t type = 0;
-  int32_t length = sizeof video;
-  if (!reader.GetRecord(0, &type, reinterpret_cast<uint8_t*>(&video), &length))
-    return "no video record";
-  const uint32_t codec = field == CodecField::RECORD_TYPE ? type : video.compression;
-  if (!HasDecoder(/*video=*/true, codec))
-    return "no decoder for the video codec '" + FourCCText(codec) + "'";
+}  // namespace
+
+std::string DescribeMissingDecoder(const char* name, uint32_t codec) {
+  if (HasDecoder(/*video=*/true, codec)) return "";
+  return std::string(name) + ": no decoder for the video codec '" + FourCCText(codec) + "'";
+}
+
+std::string DescribeNoKeyFrame(const TQFReader& reader, const char* path) {
   const FrameIndex& frames = reader.index[TQF_STREAM_VIDEO];
-  if (frames.count == 0) return "no complete video frame (a header block alone, or cut short)";
+  if (frames.count == 0)
+    return std::string(path) + ": no complete video frame (a header block alone, or cut short)";
   for (uint32_t i = 0; i < frames.count; ++i)
     if (IsKeyFrameInfo(frames.entries[i].info)) return "";
-  return "no key frame in its " + std::to_string(frames.count) +
+  return std::string(path) + ": no key frame in its " + std::to_string(frames.count) +
          " video frames: nothing can be shown";
 }
 
-}  // namespace
-
-std::string DescribeNothingToPlay(TQFReader& reader, const char* path, CodecField field) {
-  std::string cause = NothingToPlay(reader, field);
-  return cause.empty() ? cause : std::string(path) + ": " + cause;
-}
-
-std::string DescribeNothingToPlay(const char* path, CodecField field) {
+std::string DescribeNothingToPlay(const char* path) {
   TQFReader reader;
-  if (!reader.Open(path)) return DescribeInputProblem(path);
-  return DescribeNothingToPlay(reader, path, field);
+  uint32_t type = 0;
+  int32_t length = INT32_MAX;  // the type alone is wanted
+  if (!reader.Open(path) || !reader.GetRecord(0, &type, nullptr, &length))
+    return DescribeInputProblem(path);
+  std::string cause = DescribeMissingDecoder(path, type);
+  return cause.empty() ? DescribeNoKeyFrame(reader, path) : cause;
 }
 
 std::string DescribeInputProblem(const char* path) { return std::string(path) + ": " + Cause(path); }

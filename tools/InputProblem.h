@@ -4,6 +4,7 @@
 // the file itself to name the cause.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 class TQFReader;
@@ -12,15 +13,16 @@ class TQFReader;
 // (the library refused it for another reason), "<path>: refused by the library".
 std::string DescribeInputProblem(const char* path);
 
-// Where a player takes its video codec from: a file player from the type of
-// record 0, a stream player from the compression field of its descriptor.
-enum class CodecField { RECORD_TYPE, DESCRIPTOR_COMPRESSION };
+// When the library has no decoder for the video codec `codec`:
+// "<name>: no decoder for the video codec 'XV1D'". Empty when it has one.
+std::string DescribeMissingDecoder(const char* name, uint32_t codec);
 
-// Why a file the library opens would still give no picture, known before it
-// plays: no decoder for its video codec, no video frame (a header block
-// alone, or cut before its first frame ends), or no key frame to begin at.
-// As "<path>: <cause>", or empty when none of these holds.
-std::string DescribeNothingToPlay(TQFReader& reader, const char* path, CodecField field);
-// The same for the file at `path`, opened here; a file that does not open
-// is described as DescribeInputProblem does.
-std::string DescribeNothingToPlay(const char* path, CodecField field);
+// Why the frames of the file `reader` has open, at `path`, give no picture:
+// no complete video frame (a header block alone, or cut short before its
+// first frame ends), or no key frame to begin at. Empty when neither holds.
+std::string DescribeNoKeyFrame(const TQFReader& reader, const char* path);
+
+// Both of these for a file player on `path`, whose codec is the type of its
+// first record; a file that does not open is described as
+// DescribeInputProblem does. Empty when the file can give pictures.
+std::string DescribeNothingToPlay(const char* path);

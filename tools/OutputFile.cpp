@@ -29,6 +29,12 @@ std::string TemporaryTemplate(const std::string& path, size_t* suffixLength) {
   return folder + "." + name.substr(0, name.size() - extension.size()) + ".XXXXXX" + extension;
 }
 
+// The file an input names; "-" is standard input.
+bool StatInput(const char* input, struct stat* info) {
+  if (std::strcmp(input, "-") == 0) return fstat(STDIN_FILENO, info) == 0;
+  return stat(input, info) == 0;
+}
+
 }  // namespace
 
 OutputFile::~OutputFile() {
@@ -50,7 +56,7 @@ bool OutputFile::Prepare(const char* path, std::initializer_list<const char*> in
   if (stat(path, &output) == 0) {
     for (const char* input : inputs) {
       struct stat in;
-      if (input != nullptr && stat(input, &in) == 0 && SameFile(in, output)) {
+      if (input != nullptr && StatInput(input, &in) && SameFile(in, output)) {
         *error = path_ + " is also an input: refusing to write over it";
         return false;
       }

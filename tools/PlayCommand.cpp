@@ -70,7 +70,7 @@ int RunPlay(int argc, char** argv) {
   int32_t handle = -1;
   if (TQ_OpenFile(o.path, &handle) != 0)
     return CommandError(NAME, "%s", DescribeInputProblem(o.path).c_str());
-  const std::string nothing = DescribeNothingToPlay(o.path, CodecField::RECORD_TYPE);
+  const std::string nothing = DescribeNothingToPlay(o.path);
   if (!nothing.empty()) {
     TQ_CloseFile(handle);
     return CommandError(NAME, "%s", nothing.c_str());

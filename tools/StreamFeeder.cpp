@@ -1,24 +1,50 @@
 #include "StreamFeeder.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "InputProblem.h"
+#include "StreamHeader.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds FRAME_TIME{TQF_FRAME_DURATION_MS};
+// The largest header block a stream player accepts: 16 records of 64 KiB.
+constexpr uint32_t MAX_HEADER_BLOCK =
+    TQF_FILE_HEADER_SIZE + TQF_READER_MAX_RECORDS * (TQF_RECORD_HEAD_SIZE + TQF_STREAM_MAX_RECORD_PAYLOAD);
+
+bool EightZeros(const uint8_t* bytes) {
+  static const uint8_t ZEROS[8] = {};
+  return std::memcmp(bytes, ZEROS, sizeof ZEROS) == 0;
+}
 
 }  // namespace
 
-// A payload the player counts as empty: its last eight bytes are zero.
-bool StreamFeeder::EndsInEightZeros(uint64_t payloadEnd) {
-  static const uint8_t ZEROS[8] = {};
-  uint8_t last[8];
-  return reader_.Read(payloadEnd - 8, last, sizeof last) && std::memcmp(last, ZEROS, 8) == 0;
+StreamFeeder::~StreamFeeder() {
+  if (ownsFd_) close(fd_);
 }
 
 bool StreamFeeder::Open(const char* path, std::string* error) {
+  struct stat info;
+  const bool isStdin = std::strcmp(path, "-") == 0;
+  if (!isStdin && (stat(path, &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)))
+    return OpenFile(path, error);
+  // A FIFO opened for reading waits for its writer, as a reader of it should.
+  fd_ = isStdin ? STDIN_FILENO : open(path, O_RDONLY | O_CLOEXEC);
+  ownsFd_ = !isStdin && fd_ >= 0;
+  if (fd_ < 0) {
+    *error = std::string(path) + ": " + std::strerror(errno);
+    return false;
+  }
+  return OpenPipe(isStdin ? "standard input" : path, error);
+}
+
+bool StreamFeeder::OpenFile(const char* path, std::string* error) {
   if (!reader_.Open(path) || reader_.view == nullptr) {
     *error = DescribeInputProblem(path);
     return false;
@@ -36,40 +62,119 @@ bool StreamFeeder::Open(const char* path, std::string* error) {
     return false;
   }
   offset_ = header_.size();
+  done_ = offset_ >= size_;
   const FrameIndex& video = reader_.index[TQF_STREAM_VIDEO];
-  bool sawKey = false;
-  uint32_t deliverable = 0;
   for (uint32_t i = 0; i < video.count; ++i) {
     const FrameIndexEntry& entry = video.entries[i];
     const uint64_t end = entry.payloadOffset + FramePayloadLength(entry.info);
-    sawKey = sawKey || IsKeyFrameInfo(entry.info);
-    // The eight bytes may reach back into the frame head, as the player's test does.
-    if (sawKey && FramePayloadLength(entry.info) > 0 && !EndsInEightZeros(end)) {
-      ++deliverable;
-      lastDeliverableStamp_ = entry.stamp;
-    }
-    frameEnds_.push_back(end);
-    deliverable_.push_back(deliverable);
+    AddVideoFrame(end, entry.info, entry.stamp, FileEndsInEightZeros(end));
   }
-  *error = DescribeNothingToPlay(reader_, path, CodecField::DESCRIPTOR_COMPRESSION);
+  StreamHeader parsed;
+  *error = parsed.Parse(Header(), HeaderSize()) ? DescribeMissingDecoder(path, parsed.video.compression)
+                                                : "";
+  if (error->empty()) *error = DescribeNoKeyFrame(reader_, path);
   return error->empty();
 }
 
-StreamFeeder::Chunk StreamFeeder::NextChunk(const FeedOptions& options) {
-  uint32_t size = options.chunkBytes;
-  if (options.randomChunks) {
-    if (!seeded_) {
-      random_.seed(options.seed);
-      seeded_ = true;
+bool StreamFeeder::OpenPipe(const char* name, std::string* error) {
+  header_.resize(TQF_FILE_HEADER_SIZE);
+  if (!ReadPipe(header_.data(), header_.size())) {
+    *error = std::string(name) + ": Invalid data found: the stream ended before its header block";
+    return false;
+  }
+  const uint32_t size = LoadU32(&header_[4]) + 8u;
+  if (LoadU32(header_.data()) != TQF_FILE_MAGIC || size < TQF_FILE_HEADER_SIZE || size > MAX_HEADER_BLOCK) {
+    *error = std::string(name) + ": Invalid data found: not a TQF stream";
+    return false;
+  }
+  header_.resize(size);
+  if (!ReadPipe(&header_[TQF_FILE_HEADER_SIZE], size - TQF_FILE_HEADER_SIZE)) {
+    *error = std::string(name) + ": Invalid data found: the stream ended inside its header block";
+    return false;
+  }
+  offset_ = size;
+  scanStart_ = size;
+  StreamHeader parsed;
+  *error = parsed.Parse(Header(), HeaderSize()) ? DescribeMissingDecoder(name, parsed.video.compression)
+                                                : "";
+  return error->empty();
+}
+
+bool StreamFeeder::ReadPipe(uint8_t* to, size_t size) {
+  while (size > 0) {
+    const ssize_t got = read(fd_, to, size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    to += got;
+    size -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+// A payload the player counts as empty: its last eight bytes are zero. The
+// eight bytes may reach back into the frame head, as the player's test does.
+bool StreamFeeder::FileEndsInEightZeros(uint64_t payloadEnd) {
+  uint8_t last[8];
+  return reader_.Read(payloadEnd - 8, last, sizeof last) && EightZeros(last);
+}
+
+void StreamFeeder::AddVideoFrame(uint64_t end, uint32_t info, uint32_t stamp, bool endsInEightZeros) {
+  sawKey_ = sawKey_ || IsKeyFrameInfo(info);
+  uint32_t deliverable = DeliverableFrames();
+  if (sawKey_ && FramePayloadLength(info) > 0 && !endsInEightZeros) {
+    ++deliverable;
+    lastDeliverableStamp_ = stamp;
+  }
+  frameEnds_.push_back(end);
+  deliverable_.push_back(deliverable);
+}
+
+void StreamFeeder::ScanPipe() {
+  scan_.insert(scan_.end(), chunk_.begin(), chunk_.end());
+  size_t at = 0;
+  while (scan_.size() - at >= TQF_FRAME_HEAD_SIZE) {
+    const uint8_t* frame = &scan_[at];
+    const uint32_t info = LoadU32(frame + 4);
+    const uint32_t length = FramePayloadLength(info);
+    if (LoadU32(frame) != TQF_FRAME_SYNC || length > TQF_STREAM_MAX_FRAME_PAYLOAD) {
+      const uint64_t next = FindFrameSync(scan_.data(), at + 1, scan_.size());
+      at = next < scan_.size() ? static_cast<size_t>(next) : scan_.size() - (TQF_FRAME_HEAD_SIZE - 1);
+      continue;
     }
-    size = std::uniform_int_distribution<uint32_t>(1, RANDOM_CHUNK_MAX)(random_);
+    const size_t end = at + TQF_FRAME_HEAD_SIZE + length;
+    if (end > scan_.size()) break;  // not complete yet
+    if (FrameStreamNumber(info) == TQF_STREAM_VIDEO)
+      AddVideoFrame(scanStart_ + end, info, LoadU32(frame + 8), EightZeros(&scan_[end - 8]));
+    at = end;
   }
-  size = static_cast<uint32_t>(std::min<uint64_t>(size, size_ - offset_));
+  scan_.erase(scan_.begin(), scan_.begin() + static_cast<long>(at));
+  scanStart_ += at;
+}
+
+uint32_t StreamFeeder::ChunkSize(const FeedOptions& options) {
+  if (!options.randomChunks) return options.chunkBytes;
+  if (!seeded_) {
+    random_.seed(options.seed);
+    seeded_ = true;
+  }
+  return std::uniform_int_distribution<uint32_t>(1, RANDOM_CHUNK_MAX)(random_);
+}
+
+uint32_t StreamFeeder::Fill(uint32_t size) {
+  if (!FromPipe()) size = static_cast<uint32_t>(std::min<uint64_t>(size, size_ - offset_));
   chunk_.resize(size);
-  if (!reader_.Read(offset_, chunk_.data(), size)) {
-    truncated_ = true;
-    size = 0;
-  }
+  if (!FromPipe()) return reader_.Read(offset_, chunk_.data(), size) ? size : 0;
+  ssize_t got;
+  do {
+    got = read(fd_, chunk_.data(), size);
+  } while (got < 0 && errno == EINTR);
+  chunk_.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  if (!chunk_.empty()) ScanPipe();
+  return static_cast<uint32_t>(chunk_.size());
+}
+
+StreamFeeder::Chunk StreamFeeder::NextChunk(const FeedOptions& options) {
+  const uint32_t size = Fill(ChunkSize(options));
   const uint64_t end = offset_ + size;
   // The video frames this chunk completes: framesFed_ up to `completed`.
   uint32_t completed = static_cast<uint32_t>(
@@ -86,9 +191,9 @@ StreamFeeder::Chunk StreamFeeder::NextChunk(const FeedOptions& options) {
 }
 
 void StreamFeeder::Advance(const Chunk& chunk) {
-  offset_ = chunk.size == 0 ? size_ : offset_ + chunk.size;
-  framesFed_ = static_cast<uint32_t>(
-      std::upper_bound(frameEnds_.begin(), frameEnds_.end(), offset_) - frameEnds_.begin());
+  offset_ += chunk.size;
+  done_ = chunk.size == 0 || (!FromPipe() && offset_ >= size_);
+  framesFed_ = chunk.framesFedAfter;
 }
 
 void StreamFeeder::RestartClock() {

@@ -1,6 +1,10 @@
-// StreamFeeder: a TQF file fed to the library as a live source, the way a
-// network client would: the header block to TQ_OpenStream, then the rest of
-// the file to TQ_InputData in chunks cut anywhere.
+// StreamFeeder: TQF bytes fed to the library as a live source, the way a
+// network client would: the header block to TQ_OpenStream, then the rest to
+// TQ_InputData in chunks cut anywhere.
+//
+// The bytes come from a file, or from a pipe: "-" (standard input), a FIFO
+// or a character device, read as they arrive, so that a live stream can come
+// down a pipe (`nc camera 9000 | tqfplay stream -`).
 //
 // A live stream has no back-pressure: when a player's queue is full the
 // oldest frames give way. The feeder knows the TQF layout, so it knows how
@@ -10,6 +14,10 @@
 //     far, so the queue never fills and no frame is lost;
 //   - real time: a chunk goes out when its first completed video frame is
 //     due, 40 ms after the one before, as from a camera.
+// A file's frames come from the reader's index. A pipe's are found as its
+// bytes arrive, by their sync words and lengths; after damage the scan takes
+// the next sync word, where the library also waits for a second one to
+// confirm it, so that the counts may then differ for a frame or two.
 //
 // Chunks are copied out of the mapping (a read that fails because the file
 // was cut short under it ends the feed) and stay valid until the next chunk.
@@ -38,24 +46,31 @@ class StreamFeeder {
   // Video frames the feeder lets the player fall behind by.
   static constexpr uint32_t WINDOW_FRAMES = 25;
 
-  // Maps `path` and finds its header block and video frames. False with a
-  // message for a file that is missing or not TQF, or that would give no
-  // picture (DescribeNothingToPlay).
+  StreamFeeder() = default;
+  ~StreamFeeder();
+  StreamFeeder(const StreamFeeder&) = delete;
+  StreamFeeder& operator=(const StreamFeeder&) = delete;
+
+  // Opens `path` ("-" for standard input) and reads its header block; a file
+  // is mapped and its video frames found. False with a message for a source
+  // that is missing or not TQF, or that would give no picture
+  // (DescribeNothingToPlay; for a pipe, only its codec is known at once).
   bool Open(const char* path, std::string* error);
 
   const uint8_t* Header() const { return header_.data(); }
   uint32_t HeaderSize() const { return static_cast<uint32_t>(header_.size()); }
+  // Whether the bytes come from a pipe, whose end and length are not known.
+  bool FromPipe() const { return fd_ >= 0; }
   // Video frames the player can deliver: those from the first key frame on
   // whose payload does not end in eight zero bytes (the player skips those).
+  // For a pipe, those found so far.
   uint32_t DeliverableFrames() const { return deliverable_.empty() ? 0 : deliverable_.back(); }
-  // The stamp of the last deliverable frame.
+  // The stamp of the last deliverable frame found.
   uint32_t LastDeliverableStamp() const { return lastDeliverableStamp_; }
-  // Seconds of video in the file, 40 ms a frame.
-  double Length() const { return frameEnds_.size() * 0.04; }
+  // Seconds of video in the file, 40 ms a frame; 0 for a pipe.
+  double Length() const { return FromPipe() ? 0 : frameEnds_.size() * 0.04; }
 
-  bool Done() const { return offset_ >= size_; }
-  // Whether the file was cut short under the feed.
-  bool Truncated() const { return truncated_; }
+  bool Done() const { return done_; }
   // Video frames complete in the bytes fed so far.
   uint32_t FramesFed() const { return framesFed_; }
   // Deliverable frames among them.
@@ -63,7 +78,9 @@ class StreamFeeder {
 
   // The next chunk: where it starts, how long it is, and the pictures that
   // must have arrived before it may go (paced by pictures), or the moment it
-  // is due (real time). A chunk of size 0 means the file ended early.
+  // is due (real time). A chunk of size 0 means the source ended (early, for
+  // a file cut short under the feed). A pipe's chunk holds what one read
+  // gives, up to the size asked for.
   struct Chunk {
     const uint8_t* data;
     uint32_t size;
@@ -78,18 +95,34 @@ class StreamFeeder {
   void RestartClock();
 
  private:
-  bool EndsInEightZeros(uint64_t payloadEnd);
+  bool OpenFile(const char* path, std::string* error);
+  bool OpenPipe(const char* name, std::string* error);
+  // Reads exactly `size` bytes from the pipe; false at its end or on an error.
+  bool ReadPipe(uint8_t* to, size_t size);
+  uint32_t ChunkSize(const FeedOptions& options);
+  // Fills chunk_ with up to `size` bytes from the source; the count read.
+  uint32_t Fill(uint32_t size);
+  // Finds the frames that the pipe's bytes up to the end of chunk_ complete.
+  void ScanPipe();
+  // Counts one video frame that ends at `end`.
+  void AddVideoFrame(uint64_t end, uint32_t info, uint32_t stamp, bool endsInEightZeros);
+  bool FileEndsInEightZeros(uint64_t payloadEnd);
 
   TQFReader reader_;
+  int fd_ = -1;           // the pipe, or -1 for a file
+  bool ownsFd_ = false;   // not standard input
   std::vector<uint8_t> header_;
   std::vector<uint8_t> chunk_;
-  uint64_t size_ = 0;
-  uint64_t offset_ = 0;
-  bool truncated_ = false;
-  std::vector<uint64_t> frameEnds_;    // file offsets just past each video frame
+  uint64_t size_ = 0;     // a file's size
+  uint64_t offset_ = 0;   // the bytes fed, counted from the start of the source
+  bool done_ = false;
+  std::vector<uint8_t> scan_;  // a pipe's bytes from the first frame not yet complete
+  uint64_t scanStart_ = 0;     // the source offset of scan_[0]
+  bool sawKey_ = false;
+  std::vector<uint64_t> frameEnds_;    // source offsets just past each video frame
   std::vector<uint32_t> deliverable_;  // deliverable frames up to and with each
-  uint32_t framesFed_ = 0;
   uint32_t lastDeliverableStamp_ = 0;
+  uint32_t framesFed_ = 0;
   std::mt19937 random_;
   bool seeded_ = false;
   std::chrono::steady_clock::time_point clockStart_;

@@ -138,7 +138,7 @@ class ViewSource {
       *error = DescribeInputProblem(o_.path);
       return false;
     }
-    *error = DescribeNothingToPlay(o_.path, CodecField::RECORD_TYPE);
+    *error = DescribeNothingToPlay(o_.path);
     if (!error->empty()) return false;
     TQ_GetFileTime(handle_, &length_);
     session_.PlayFrom(handle_, o_.startMs / 1000);
