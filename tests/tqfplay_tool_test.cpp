@@ -2,7 +2,9 @@
 // ffmpeg tool makes at test time, in a temporary folder.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
+#include <vector>
 
 #include "TQFReader.h"
 #include "TempFolder.h"
@@ -173,11 +175,22 @@ TEST_F(ToolTest, ImportErrorsAreOneLineAndNonZero) {
   }
 }
 
+// Each command's usage line is the one the README gives, and it names every
+// option that its help describes.
 TEST_F(ToolTest, HelpAndUsage) {
-  for (const char* command : {"info", "import"}) {
+  const std::vector<uint8_t> readmeBytes = ReadWholeFile(std::string(TQF_SOURCE_DIR) + "/README.md");
+  const std::string readme(readmeBytes.begin(), readmeBytes.end());
+  const std::regex option("--[a-z][-a-z0-9]*");
+  for (const char* command : {"info", "import", "play", "stream", "view", "export", "audio"}) {
+    SCOPED_TRACE(command);
     RunResult r = Tool(std::string(command) + " --help");
-    EXPECT_EQ(r.exitCode, 0) << command;
-    EXPECT_EQ(r.out.rfind(std::string("usage: tqfplay ") + command, 0), 0u) << r.out;
+    EXPECT_EQ(r.exitCode, 0);
+    ASSERT_EQ(r.out.rfind(std::string("usage: tqfplay ") + command, 0), 0u) << r.out;
+    const std::string usage = r.out.substr(7, r.out.find('\n') - 7);
+    EXPECT_NE(readme.find("\n" + usage + "\n"), std::string::npos) << usage;
+    const std::string body = r.out.substr(usage.size());
+    for (std::sregex_iterator it(body.begin(), body.end(), option), end; it != end; ++it)
+      EXPECT_NE(usage.find(it->str()), std::string::npos) << it->str();
   }
   RunResult r = Tool("--help");
   EXPECT_EQ(r.exitCode, 0);

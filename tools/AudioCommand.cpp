@@ -94,8 +94,7 @@ int RunAudio(int argc, char** argv) {
 
 extern const Command AUDIO_COMMAND = {
     NAME, "decode the G.726 audio to a WAV file",
-    "usage: tqfplay audio FILE OUT.wav\n"
-    "\n"
+    "audio FILE OUT.wav",
     "Decodes the audio stream with the library's G.726 decoder (32 kbit/s, one\n"
     "running state across frames) to 16-bit mono PCM at 8000 Hz in a WAV file.\n",
     RunAudio,

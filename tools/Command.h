@@ -9,7 +9,8 @@
 struct Command {
   const char* name;
   const char* summary;  // one line for the tool's own help
-  const char* usage;    // the subcommand's --help text
+  const char* synopsis;  // "play FILE [--y4m OUT.y4m] ...": the usage line after "tqfplay "
+  const char* usage;     // the rest of the subcommand's --help text
   int (*run)(int argc, char** argv);
 };
 

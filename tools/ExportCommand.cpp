@@ -360,8 +360,7 @@ int RunExport(int argc, char** argv) {
 
 extern const Command EXPORT_COMMAND = {
     NAME, "remux to MP4 or MKV, the audio decoded (AAC or PCM)",
-    "usage: tqfplay export FILE OUT.mp4|OUT.mkv\n"
-    "\n"
+    "export FILE OUT.mp4|OUT.mkv",
     "Copies the video without re-encoding (H.264 into MP4 or MKV, Motion JPEG into\n"
     "MKV), 40 ms a frame from the first key frame on, and decodes the G.726 audio\n"
     "with the library's decoder: AAC in MP4, 16-bit PCM in MKV. Any player opens\n"

@@ -415,8 +415,7 @@ int RunImport(int argc, char** argv) {
 const Command IMPORT_COMMAND = {
     "import",
     "write the H.264 or Motion JPEG video of a media file as TQF",
-    "usage: tqfplay import INPUT OUTPUT.tqf [--audio]\n"
-    "\n"
+    "import INPUT OUTPUT.tqf|- [--audio]",
     "Reads INPUT (raw H.264, MP4, MKV, AVI, ... with H.264 or Motion JPEG video)\n"
     "and writes OUTPUT.tqf: a 40-byte video record (FourCC \"H264\" or \"JPEG\") and\n"
     "one stream-0 frame per video packet, H.264 in Annex B form, the key flag from\n"

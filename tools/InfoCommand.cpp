@@ -295,8 +295,7 @@ int RunInfo(int argc, char** argv) {
 const Command INFO_COMMAND = {
     "info",
     "show the header, records, frames and damage of a TQF file",
-    "usage: tqfplay info FILE [--json]\n"
-    "\n"
+    "info FILE [--json]",
     "Shows the header and records of a TQF file (types, FourCC, picture size),\n"
     "the frames of each stream as the player indexes them, the key frames (by\n"
     "their number in the stream) and their spacing, the duration at 40 ms a\n"

@@ -203,12 +203,12 @@ int RunStream(int argc, char** argv) {
 
 extern const Command STREAM_COMMAND = {
     NAME, "feed a file as a live stream, optionally recording it",
-    "usage: tqfplay stream FILE [--chunk BYTES | --random-chunks [--seed N]]\n"
-    "                           [--record OUT.tqf [--record-after SECONDS]]\n"
-    "                           [--y4m OUT.y4m] [--png DIR [--every N]] [--realtime]\n"
-    "\n"
-    "Feeds a TQF file to the library as a live source: its header block to\n"
-    "TQ_OpenStream, the rest to TQ_InputData in chunks cut anywhere.\n"
+    "stream FILE|- [--chunk BYTES | --random-chunks [--seed N]] [--record OUT.tqf "
+    "[--record-after SECONDS]] [--y4m OUT.y4m] [--png DIR [--every N]] [--realtime] "
+    "[--timeout SECONDS]",
+    "Feeds TQF bytes to the library as a live source: the header block to\n"
+    "TQ_OpenStream, the rest to TQ_InputData in chunks cut anywhere. FILE is a\n"
+    "TQF file, or a pipe read as its bytes arrive: '-' (standard input) or a FIFO.\n"
     "\n"
     "  --chunk BYTES     feed chunks of this size (default 4096, at most 4194304)\n"
     "  --random-chunks   feed chunks of random sizes from 1 to 65536 bytes, as a\n"

@@ -380,8 +380,7 @@ int RunView(int argc, char** argv) {
 
 extern const Command VIEW_COMMAND = {
     NAME, "show a file (or a live stream of it) in a window",
-    "usage: tqfplay view [--stream] [--start SECONDS] [--autoexit] FILE\n"
-    "\n"
+    "view [--stream] [--start SECONDS] [--autoexit] FILE",
     "Shows the pictures in a window at 25 a second; the title tells the position\n"
     "and the length.\n"
     "\n"

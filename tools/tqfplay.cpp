@@ -31,7 +31,10 @@ void PrintToolHelp(FILE* out) {
   std::fprintf(out, "usage: tqfplay COMMAND [ARGS...]\n\ncommands:\n");
   for (const Command* command : COMMANDS)
     std::fprintf(out, "  %-8s %s\n", command->name, command->summary);
-  std::fprintf(out, "\n'tqfplay COMMAND --help' describes a command.\n");
+  std::fprintf(out,
+               "\nEvery command takes -y (--overwrite) to replace outputs that exist, and -n\n"
+               "(--no-overwrite, the default) to refuse them. 'tqfplay COMMAND --help'\n"
+               "describes a command; 'tqfplay --version' gives the version.\n");
 }
 
 }  // namespace
@@ -53,7 +56,7 @@ int main(int argc, char** argv) {
     if (std::strcmp(argv[1], command->name) != 0) continue;
     for (int i = 2; i < argc; ++i) {
       if (IsHelpOption(argv[i])) {
-        std::fputs(command->usage, stdout);
+        std::printf("usage: tqfplay %s\n\n%s", command->synopsis, command->usage);
         return 0;
       }
     }
