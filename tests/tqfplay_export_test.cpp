@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -37,6 +38,15 @@ std::vector<int16_t> DecodeAudio(const std::string& path) {
     pcm.resize(at + length * 2);
     G726DecodeBlock(&state, payload.data(), static_cast<int32_t>(length), pcm.data() + at);
   }
+  // The index leaves out the file's last frame; in the demo sample it is an
+  // audio frame of 320 bytes, the file's last 332 bytes.
+  const std::vector<uint8_t> file = ReadWholeFile(path);
+  const uint8_t* last = file.data() + file.size() - TQF_FRAME_HEAD_SIZE - 320;
+  if (LoadU32(last) == TQF_FRAME_SYNC && FrameStreamNumber(LoadU32(last + 4)) == TQF_STREAM_AUDIO) {
+    size_t at = pcm.size();
+    pcm.resize(at + 640);
+    G726DecodeBlock(&state, last + TQF_FRAME_HEAD_SIZE, 320, pcm.data() + at);
+  }
   return pcm;
 }
 
@@ -58,6 +68,12 @@ class ExportTest : public ToolTest {
   double Duration(const std::string& file) {
     return std::atof(Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
                            Quote(file)).out.c_str());
+  }
+  // The MD5 of each picture ffmpeg decodes from `file`, in order, one a line
+  // (every picture once: no frame rate is imposed); the decoder's warnings in `err`.
+  RunResult FrameHashes(const std::string& file) {
+    return Shell("ffmpeg -v warning -nostdin -i " + Quote(file) +
+                 " -map 0:v -fps_mode passthrough -f framemd5 - | grep -v '^#' | cut -d, -f6");
   }
   // The video decoded by ffmpeg, from `seek` seconds on, as a Y4M file.
   PictureRun DecodeVideo(const std::string& file, const std::string& seek = "") {
@@ -100,7 +116,7 @@ TEST_F(ExportTest, Mp4AndMkvCarryTheVideoAsItIsAndTheAudio) {
 
 TEST_F(ExportTest, MkvAudioAndWavAreTheG726ModulesSamples) {
   std::vector<int16_t> expected = DecodeAudio(DEMO);
-  ASSERT_EQ(expected.size(), 125u * 640u);  // 125 indexed frames of 80 ms
+  ASSERT_EQ(expected.size(), 126u * 640u);  // 125 indexed frames of 80 ms and the last one
 
   std::string wav = folder_.File("demo.wav");
   RunResult r = Tool("audio " + Quote(DEMO) + " " + Quote(wav));
@@ -129,8 +145,60 @@ TEST_F(ExportTest, MotionJpegGoesIntoMkv) {
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::string video = Probe(out, "v:0");
   EXPECT_NE(video.find("codec_name=mjpeg\nwidth=320\nheight=240\n"), std::string::npos) << video;
-  EXPECT_NE(video.find("nb_read_frames=49"), std::string::npos) << video;
-  EXPECT_NEAR(Duration(out), 1.96, 0.05);
+  EXPECT_NE(video.find("nb_read_frames=50"), std::string::npos) << video;  // with the unindexed last
+  EXPECT_NEAR(Duration(out), 2.0, 0.05);
+}
+
+// Imported content keeps its time through export: B-frames and 30 fps decode
+// frame for frame as the source does, for as long, without a warning.
+TEST_F(ExportTest, ImportedContentKeepsItsFramesAndRate) {
+  struct Case {
+    const char* source;
+    int pictures;  // in 2 s
+  };
+  const Case cases[] = {{"testsrc=size=320x240:rate=25 -bf 3", 50},
+                        {"testsrc=size=320x240:rate=30 -bf 2", 60}};
+  for (const auto& [source, pictures] : cases) {
+    SCOPED_TRACE(source);
+    const std::string original = folder_.File("original.mp4"), tqf = folder_.File("imported.tqf");
+    ASSERT_TRUE(Ffmpeg(std::string("-f lavfi -i ") + source +
+                       " -t 2 -c:v libx264 -g 24 -pix_fmt yuv420p " + Quote(original)));
+    ASSERT_EQ(Tool("import -y " + Quote(original) + " " + Quote(tqf)).exitCode, 0);
+    const RunResult expected = FrameHashes(original);
+    ASSERT_EQ(Lines(expected.out), pictures);
+    for (const char* name : {"exported.mp4", "exported.mkv"}) {
+      const std::string out = folder_.File(name);
+      RunResult r = Tool("export -y " + Quote(tqf) + " " + Quote(out));
+      ASSERT_EQ(r.exitCode, 0) << r.err;
+      EXPECT_NE(r.err.find("timed by their stamps"), std::string::npos) << r.err;
+      const RunResult decoded = FrameHashes(out);
+      EXPECT_EQ(decoded.out, expected.out) << name;
+      EXPECT_EQ(decoded.err, "") << name;
+      EXPECT_NEAR(Duration(out), 2.0, 0.05) << name;
+    }
+  }
+}
+
+// A file that begins in the middle of a group of pictures is exported from
+// its first key frame on, and its audio starts with that picture.
+TEST_F(ExportTest, AudioStartsWithTheFirstPicture) {
+  const std::string ts = folder_.File("camera.ts"), cut = folder_.File("cut.ts");
+  const std::string tqf = folder_.File("cut.tqf"), mp4 = folder_.File("cut.mp4");
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25 -f lavfi -i sine=sample_rate=8000 "
+                     "-t 6 -c:v libx264 -g 50 -c:a aac -f mpegts " + Quote(ts)));
+  // Cut on a transport packet boundary, inside the first group of pictures.
+  ASSERT_EQ(Shell("tail -c +" + std::to_string(188 * 150 + 1) + " " + Quote(ts) + " > " + Quote(cut)).exitCode, 0);
+  ASSERT_EQ(Tool("import -y --audio " + Quote(cut) + " " + Quote(tqf)).exitCode, 0);
+  ASSERT_EQ(Tool("export -y " + Quote(tqf) + " " + Quote(mp4)).exitCode, 0);
+  const std::string probe = Shell("ffprobe -v error -show_entries stream=start_time,duration -of csv=p=0 " +
+                                  Quote(mp4)).out;
+  double videoStart = 9, videoLength = 0, audioStart = 9, audioLength = 0;
+  ASSERT_EQ(std::sscanf(probe.c_str(), "%lf,%lf %lf,%lf", &videoStart, &videoLength, &audioStart,
+                        &audioLength), 4) << probe;
+  EXPECT_NEAR(videoStart, 0.0, 0.05);
+  EXPECT_NEAR(audioStart, 0.0, 0.05);
+  EXPECT_GT(videoLength, 3.0);  // from the key frame at 2 s of the 6, less what the cut took
+  EXPECT_NEAR(audioLength, videoLength, 0.2);
 }
 
 TEST_F(ExportTest, ErrorsAreOneLineAndLeaveNoFile) {

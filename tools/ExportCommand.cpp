@@ -1,18 +1,23 @@
 // tqfplay export: TQF to MP4 or Matroska with libavformat.
 //
-// Video: the frames' payloads become packets as they are, 40 ms apart, from
-// the first key frame on (nothing before it decodes). H.264 goes in Annex B
+// Video: the frames' payloads become packets as they are, from the first key
+// frame on (nothing before it decodes), timed by VideoTimeline: from the
+// stamps when they are milliseconds, else 40 ms apart. H.264 goes in Annex B
 // form with the key frame's SPS and PPS as extradata, which both muxers turn
 // into their own form; Motion JPEG goes into Matroska only.
 // Audio: stream 1's G.726 decoded by the library's module to 16-bit PCM at
 // 8 kHz mono, kept as PCM in Matroska and encoded to AAC (libavcodec's
-// native encoder) in MP4. Packets of both streams go out in time order.
+// native encoder) in MP4. The audio starts with the first picture: what
+// comes before it is cut, and audio that starts later is delayed to its
+// time. Packets of both streams go out in time order.
 #include "ExportCommand.h"
 
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
+#include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,11 +31,13 @@ extern "C" {
 #include "MediaSource.h"
 #include "Options.h"
 #include "OutputFile.h"
+#include "VideoTimeline.h"
 
 namespace {
 
 constexpr const char NAME[] = "export";
-constexpr AVRational VIDEO_TIME_BASE{1, static_cast<int>(TQF_FRAMES_PER_SECOND)};
+constexpr AVRational VIDEO_TIME_BASE{1, 1000};  // milliseconds
+constexpr int64_t AUDIO_SAMPLES_PER_MS = G726_SAMPLE_RATE / 1000;
 constexpr AVRational AUDIO_TIME_BASE{1, G726_SAMPLE_RATE};
 constexpr int64_t AAC_BIT_RATE = 32000;
 constexpr uint8_t H264_NAL_IDR = 5;
@@ -79,7 +86,9 @@ class Exporter {
   }
 
   uint32_t VideoPackets() const { return videoWritten_; }
-  int64_t AudioSamples() const { return audioSamples_; }
+  double VideoSeconds() const { return videoEndMs_ / 1000.0; }
+  int64_t AudioSamples() const { return audioWritten_; }
+  bool TimedByStamps() const { return timeline_->FromStamps(); }
 
  private:
   bool Fail(std::string* error, const std::string& what, int code) {
@@ -129,7 +138,12 @@ class Exporter {
     p->height = video.height;
     p->format = codec == AV_CODEC_ID_H264 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUVJ422P;
     videoStream_->time_base = VIDEO_TIME_BASE;
-    videoStream_->avg_frame_rate = AVRational{VIDEO_TIME_BASE.den, 1};
+    std::vector<uint32_t> stamps;
+    for (uint32_t frame = firstFrame_; frame < source_.VideoFrames(); ++frame)
+      stamps.push_back(source_.VideoStamp(frame));
+    timeline_.emplace(stamps, firstFrame_);
+    av_reduce(&videoStream_->avg_frame_rate.num, &videoStream_->avg_frame_rate.den,
+              timeline_->RateNumerator(), timeline_->RateDenominator(), INT32_MAX);
     return codec != AV_CODEC_ID_H264 || SetParameterSets(p, error);
   }
 
@@ -159,6 +173,12 @@ class Exporter {
 
   bool AddAudio(std::string* error) {
     if (!source_.HasAudio()) return true;
+    // Where the audio's first sample falls against the first picture: the
+    // audio's stamp (milliseconds too) when the video is timed by stamps,
+    // else the start of the file.
+    const int64_t audioStartMs = timeline_->FromStamps() ? source_.AudioStamp(0) : 0;
+    audioSamples_ = (audioStartMs - timeline_->OriginMs()) * AUDIO_SAMPLES_PER_MS;
+    aacPts_ = std::max<int64_t>(audioSamples_, 0);
     audioStream_ = avformat_new_stream(muxer_.get(), nullptr);
     if (audioStream_ == nullptr) return Fail(error, "audio stream", AVERROR(ENOMEM));
     audioStream_->time_base = AUDIO_TIME_BASE;
@@ -207,15 +227,16 @@ class Exporter {
   // Video frames in order, each after the audio that comes before it.
   bool WritePackets(std::string* error) {
     for (uint32_t frame = firstFrame_; frame < source_.VideoFrames(); ++frame) {
-      int64_t pts = frame - firstFrame_;
-      // Audio up to this frame's time, in samples.
-      int64_t due = av_rescale_q(pts, VIDEO_TIME_BASE, AUDIO_TIME_BASE);
-      if (!WriteAudioUntil(due, error) || !WriteVideo(frame, pts, error)) return false;
+      const size_t i = frame - firstFrame_;
+      // Audio up to this frame's decode time, in samples.
+      if (!WriteAudioUntil(timeline_->Dts(i) * AUDIO_SAMPLES_PER_MS, error) ||
+          !WriteVideo(frame, i, error))
+        return false;
     }
     return WriteAudioUntil(INT64_MAX, error) && FlushAac(error);
   }
 
-  bool WriteVideo(uint32_t frame, int64_t pts, std::string* error) {
+  bool WriteVideo(uint32_t frame, size_t i, std::string* error) {
     const uint8_t* payload;
     uint32_t length;
     bool key;
@@ -224,8 +245,10 @@ class Exporter {
     int result = av_new_packet(packet_.get(), static_cast<int>(length));
     if (result < 0) return Fail(error, "packet", result);
     std::memcpy(packet_->data, payload, length);
-    packet_->pts = packet_->dts = pts;
-    packet_->duration = 1;
+    packet_->pts = timeline_->Pts(i);
+    packet_->dts = timeline_->Dts(i);
+    packet_->duration = timeline_->Duration(i);
+    videoEndMs_ = std::max(videoEndMs_, packet_->pts + packet_->duration);
     packet_->flags = key ? AV_PKT_FLAG_KEY : 0;
     packet_->stream_index = videoStream_->index;
     ++videoWritten_;
@@ -248,9 +271,15 @@ class Exporter {
         audioDone_ = true;
         break;
       }
+      // Samples before the first picture are cut.
+      const int64_t cut = std::min(std::max<int64_t>(-audioSamples_, 0), static_cast<int64_t>(pcm_.size()));
+      pcm_.erase(pcm_.begin(), pcm_.begin() + cut);
+      audioSamples_ += cut;
+      if (pcm_.empty()) continue;
       bool written = mp4_ ? EncodeAac(pcm_.data(), pcm_.size(), error) : WritePcm(error);
       if (!written) return false;
       audioSamples_ += static_cast<int64_t>(pcm_.size());
+      audioWritten_ += static_cast<int64_t>(pcm_.size());
     }
     return true;
   }
@@ -331,9 +360,12 @@ class Exporter {
   AVStream* audioStream_ = nullptr;
   uint32_t firstFrame_ = 0;
   uint32_t videoWritten_ = 0;
+  int64_t videoEndMs_ = 0;
+  std::optional<VideoTimeline> timeline_;  // set by AddVideo
   std::vector<int16_t> pcm_;
   std::vector<float> pending_;
-  int64_t audioSamples_ = 0;
+  int64_t audioSamples_ = 0;  // the time of the next sample against the first picture
+  int64_t audioWritten_ = 0;
   int64_t aacPts_ = 0;
   bool audioDone_ = false;
 };
@@ -350,9 +382,10 @@ int RunExport(int argc, char** argv) {
   Exporter exporter(source, output.WritePath());
   if (!exporter.Run(&error)) return CommandError(NAME, "%s", error.c_str());
   if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
-  std::fprintf(stderr, "%s: %s: %u video frames (%.2f s), %.2f s of audio\n", NAME, paths[1],
-              exporter.VideoPackets(), exporter.VideoPackets() * (TQF_FRAME_DURATION_MS / 1000.0),
-              exporter.AudioSamples() / static_cast<double>(G726_SAMPLE_RATE));
+  std::fprintf(stderr, "%s: %s: %s (%.2f s, %s), %.2f s of audio\n", NAME, paths[1],
+               Count(exporter.VideoPackets(), "video frame").c_str(), exporter.VideoSeconds(),
+               exporter.TimedByStamps() ? "timed by their stamps" : "40 ms a frame",
+               exporter.AudioSamples() / static_cast<double>(G726_SAMPLE_RATE));
   return 0;
 }
 
@@ -362,8 +395,12 @@ extern const Command EXPORT_COMMAND = {
     NAME, "remux to MP4 or MKV, the audio decoded (AAC or PCM)",
     "export FILE OUT.mp4|OUT.mkv",
     "Copies the video without re-encoding (H.264 into MP4 or MKV, Motion JPEG into\n"
-    "MKV), 40 ms a frame from the first key frame on, and decodes the G.726 audio\n"
-    "with the library's decoder: AAC in MP4, 16-bit PCM in MKV. Any player opens\n"
-    "and seeks the result.\n",
+    "MKV) from the first key frame on, and decodes the G.726 audio with the\n"
+    "library's decoder: AAC in MP4, 16-bit PCM in MKV. Any player opens and seeks\n"
+    "the result.\n"
+    "\n"
+    "Frames are timed by their stamps when those are milliseconds, as import\n"
+    "writes them (B-frames and other frame rates keep their order and rate);\n"
+    "otherwise 40 ms a frame. The audio starts with the first picture.\n",
     RunExport,
 };

@@ -286,8 +286,10 @@ bool EncodeQueued(ImportContext& c, bool atEnd) {
 bool QueueSamples(ImportContext& c, const AVFrame* frame) {
   int inputCount = frame != nullptr ? frame->nb_samples : 0;
   int room = swr_get_out_samples(c.resampler, inputCount);
-  if (room < 0 || av_audio_fifo_realloc(c.samples, av_audio_fifo_size(c.samples) + room) < 0)
-    return CommandError(NAME, "audio: resampling failed") == 0;
+  if (room < 0) return CommandError(NAME, "audio: resampling failed") == 0;
+  if (room == 0) return true;  // a resampler that holds nothing back (same rate) at the end
+  if (av_audio_fifo_realloc(c.samples, av_audio_fifo_size(c.samples) + room) < 0)
+    return CommandError(NAME, "audio: out of memory") == 0;
   std::vector<int16_t> out(static_cast<size_t>(room) + 1);
   uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(out.data())};
   int made = swr_convert(c.resampler, outPlanes, room,

@@ -1,5 +1,6 @@
 #include "MediaSource.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "InputProblem.h"
@@ -9,6 +10,7 @@ bool MediaSource::Open(const char* path, std::string* error) {
     *error = DescribeInputProblem(path);
     return false;
   }
+  FindLastFrame();
   uint32_t type = 0;
   uint8_t record[TQF_STREAM_MAX_RECORD_PAYLOAD];
   int32_t length = sizeof record;
@@ -25,24 +27,54 @@ bool MediaSource::Open(const char* path, std::string* error) {
   return true;
 }
 
+void MediaSource::FindLastFrame() {
+  int32_t headerSize = INT32_MAX;
+  uint64_t end = reader_.GetHeader(nullptr, &headerSize) ? static_cast<uint64_t>(headerSize) : 0;
+  for (const FrameIndex& frames : reader_.index)
+    if (frames.count > 0) {
+      const FrameIndexEntry& last = frames.entries[frames.count - 1];
+      end = std::max(end, last.payloadOffset + FramePayloadLength(last.info));
+    }
+  uint8_t head[TQF_FRAME_HEAD_SIZE];
+  if (end == 0 || !reader_.Read(end, head, sizeof head) || LoadU32(head) != TQF_FRAME_SYNC) return;
+  const uint32_t info = LoadU32(head + 4);
+  const uint64_t payload = end + TQF_FRAME_HEAD_SIZE;
+  if (FrameStreamNumber(info) > TQF_STREAM_AUDIO ||
+      payload + FramePayloadLength(info) > reader_.fileSize)
+    return;
+  lastFrame_ = FrameIndexEntry{info, LoadU32(head + 8), payload};
+  lastFrameStream_ = FrameStreamNumber(info);
+}
+
+uint32_t MediaSource::Frames(uint32_t stream) const {
+  return reader_.index[stream].count + (lastFrameStream_ == stream ? 1 : 0);
+}
+
+const FrameIndexEntry& MediaSource::Entry(uint32_t stream, uint32_t frame) const {
+  const FrameIndex& frames = reader_.index[stream];
+  return frame < frames.count ? frames.entries[frame] : lastFrame_;
+}
+
+bool MediaSource::Read(uint32_t stream, uint32_t frame, uint32_t* length, uint32_t* info) {
+  if (frame >= Frames(stream)) return false;
+  const FrameIndexEntry& entry = Entry(stream, frame);
+  *info = entry.info;
+  *length = FramePayloadLength(entry.info);
+  return *length <= buffer_.size() && reader_.Read(entry.payloadOffset, buffer_.data(), *length);
+}
+
 bool MediaSource::ReadVideo(uint32_t frame, const uint8_t** payload, uint32_t* length,
                             bool* keyFrame) {
-  TQFFrameHeader header;
-  *length = static_cast<uint32_t>(buffer_.size());
-  if (!reader_.ReadFrame(TQF_STREAM_VIDEO, static_cast<int32_t>(frame), &header, buffer_.data(),
-                         length))
-    return false;
+  uint32_t info = 0;
+  if (!Read(TQF_STREAM_VIDEO, frame, length, &info)) return false;
   *payload = buffer_.data();
-  *keyFrame = IsKeyFrameInfo(header.info);
+  *keyFrame = IsKeyFrameInfo(info);
   return true;
 }
 
 bool MediaSource::NextAudio(std::vector<int16_t>* samples) {
-  TQFFrameHeader header;
-  uint32_t length = static_cast<uint32_t>(buffer_.size());
-  if (!hasAudio_ || !reader_.ReadFrame(TQF_STREAM_AUDIO, static_cast<int32_t>(nextAudio_),
-                                       &header, buffer_.data(), &length))
-    return false;
+  uint32_t length = 0, info = 0;
+  if (!hasAudio_ || !Read(TQF_STREAM_AUDIO, nextAudio_, &length, &info)) return false;
   ++nextAudio_;
   samples->resize(size_t{length} * 2);
   G726DecodeBlock(&audioState_, buffer_.data(), static_cast<int32_t>(length), samples->data());

@@ -16,6 +16,7 @@ add_executable(tqfplay
   tools/StreamCommand.cpp
   tools/ViewCommand.cpp
   tools/ExportCommand.cpp
+  tools/VideoTimeline.cpp
   tools/AudioCommand.cpp
   tools/MediaSource.cpp
   tools/LibrarySession.cpp
