@@ -82,6 +82,7 @@ TEST_F(ToolTest, ImportsMp4AndRawH264) {
     RunResult r = Tool("import -y " + Quote(input) + " " + Quote(out));
     ASSERT_EQ(r.exitCode, 0) << input << ": " << r.err;
     EXPECT_NE(r.err.find("25 video frames (3 key frames)"), std::string::npos) << r.err;
+    EXPECT_EQ(Lines(r.err), 1) << r.err;  // no warning for 25 fps without B-frames
 
     TQFReader reader;
     ASSERT_TRUE(reader.Open(out.c_str())) << input;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -70,6 +71,7 @@ struct ImportContext {
   uint32_t fourcc = 0;
   AVBSFContext* annexB = nullptr;  // null when the packets are Annex B already
   uint32_t lastVideoStamp = 0;
+  bool warnedOfReordering = false;
   uint32_t videoFrames = 0;
   uint32_t keyFrames = 0;
 
@@ -128,6 +130,19 @@ bool WriteFrame(ImportContext& c, uint32_t stream, bool key, uint32_t stamp, con
 
 // ---- video ------------------------------------------------------------------
 
+// TQF players show every frame for 40 ms: other rates play at the wrong speed.
+void WarnOfFrameRate(const ImportContext& c) {
+  AVStream* stream = c.format->streams[c.videoStream];
+  const AVRational rate = av_guess_frame_rate(c.format, stream, nullptr);
+  if (rate.num <= 0 || rate.den <= 0) return;
+  const double fps = av_q2d(rate);
+  if (std::fabs(fps - TQF_FRAMES_PER_SECOND) < 0.01) return;
+  std::fprintf(stderr,
+               "tqfplay import: warning: the video runs at %.3g frames a second; TQF players show "
+               "25 (40 ms a frame), so it will play %.2f times as long (export keeps its rate)\n",
+               fps, fps / TQF_FRAMES_PER_SECOND);
+}
+
 bool OpenVideo(ImportContext& c) {
   c.videoStream = av_find_best_stream(c.format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
   if (c.videoStream < 0) {
@@ -144,6 +159,7 @@ bool OpenVideo(ImportContext& c) {
                  c.inputPath, avcodec_get_name(parameters->codec_id));
     return false;
   }
+  WarnOfFrameRate(c);
   // avcC extradata (its first byte is 1) marks the length-prefixed MP4 form.
   bool lengthPrefixed = c.fourcc == FOURCC_H264 && parameters->extradata_size > 0 &&
                         parameters->extradata[0] == 1;
@@ -169,6 +185,13 @@ bool WriteVideoPacket(ImportContext& c, const AVPacket* packet) {
   bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
   if (!WriteFrame(c, TQF_STREAM_VIDEO, key, stamp, packet->data, static_cast<size_t>(packet->size)))
     return false;
+  // A frame shown before one decoded earlier: B-frames.
+  if (c.videoFrames > 0 && stamp < c.lastVideoStamp && !c.warnedOfReordering) {
+    c.warnedOfReordering = true;
+    std::fprintf(stderr, "tqfplay import: warning: the video has B-frames; TQF players show "
+                 "frames in file order, so pictures come late and the last ones are lost "
+                 "(export keeps their order)\n");
+  }
   c.lastVideoStamp = stamp;
   ++c.videoFrames;
   if (key) ++c.keyFrames;
@@ -401,7 +424,9 @@ int RunImport(int argc, char** argv) {
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), paths, 2, 2)) return EXIT_USAGE;
   c.inputPath = paths[0];
   c.outputPath = paths[1];
-  av_log_set_level(AV_LOG_ERROR);
+  // The failures that matter come back as results and are reported as one
+  // line; libav's own messages (a stream cut mid-GOP, say) are left out.
+  av_log_set_level(AV_LOG_FATAL);
   if (!OpenInput(c) || !CreateOutput(c)) return 1;
   if (!CopyPackets(c) || !CloseOutput(c)) return 1;
   if (c.videoFrames == 0) return CommandError(NAME, "%s: no video packets", c.inputPath);
