@@ -254,30 +254,56 @@ TEST_F(PlayTest, ErrorsAreOneLineAndNonZero) {
   EXPECT_EQ(noDisplay.err, "tqfplay view: no display: neither DISPLAY nor WAYLAND_DISPLAY is set\n");
 }
 
+// The environment of a viewer run. SDL's X11 and D-Bus libraries keep
+// allocations at exit from modules the leak checker cannot name; the tool's
+// own code is leak-checked by the play, stream and export runs.
+std::string ViewerEnvironment() {
+#if defined(__SANITIZE_ADDRESS__)
+  return "ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" ";
+#else
+  return "";
+#endif
+}
+
 TEST_F(PlayTest, ViewerShowsTheSampleUnderXvfb) {
   if (Shell("command -v xvfb-run").exitCode != 0) GTEST_SKIP() << "xvfb-run is not installed";
   std::string shot = folder_.File("shot.png");
-#if defined(__SANITIZE_ADDRESS__)
-  // SDL's X11 and D-Bus libraries keep allocations at exit from modules the
-  // leak checker cannot name; the tool's own code is leak-checked by the
-  // play, stream and export runs.
-  const std::string env = "ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" ";
-#else
-  const std::string env;
-#endif
-  // The last second of the file, then the window quits and is read back.
-  RunResult r = Shell(env + "TQFPLAY_VIEW_SNAPSHOT=" + Quote(shot) +
-                      " xvfb-run -a -s '-screen 0 800x600x24' " + TOOL + " view --start 9 --autoexit " +
-                      Quote(DEMO));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  RgbImage image = DecodePng(shot);
-  ASSERT_EQ(image.width, DEMO_WIDTH);
-  ASSERT_EQ(image.height, DEMO_HEIGHT);
-  EXPECT_GT(Spread(image.rgb), 20.0);  // a test picture, not a blank window
-  // The window shows the file's last picture; SDL's colour conversion is not
-  // bit-exact with libswscale's, so they are compared by mean difference.
-  std::vector<uint8_t> expected = I420ToRgb(DemoReference().last, DEMO_WIDTH, DEMO_HEIGHT);
-  EXPECT_LT(MeanDifference(image.rgb, expected), 6.0);
+  const std::string env = ViewerEnvironment();
+  // The last second of the file, then the window quits and is read back. On
+  // a screen too small for the picture the window is scaled down to fit.
+  for (const char* screen : {"800x600", "480x320"}) {
+    SCOPED_TRACE(screen);
+    RunResult r = Shell(env + "TQFPLAY_VIEW_SNAPSHOT=" + Quote(shot) + " xvfb-run -a -s '-screen 0 " +
+                        screen + "x24' " + TOOL + " view --start 9 --autoexit " + Quote(DEMO));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    RgbImage image = DecodePng(shot);
+    EXPECT_GT(Spread(image.rgb), 20.0);  // a test picture, not a blank window
+    if (std::string(screen) == "480x320") {
+      EXPECT_LE(image.width, 480);
+      EXPECT_LE(image.height, 320);
+      EXPECT_NEAR(image.width / static_cast<double>(image.height), 640.0 / 352, 0.02);
+      continue;
+    }
+    ASSERT_EQ(image.width, DEMO_WIDTH);
+    ASSERT_EQ(image.height, DEMO_HEIGHT);
+    // The window shows the file's last picture; SDL's colour conversion is not
+    // bit-exact with libswscale's, so they are compared by mean difference.
+    std::vector<uint8_t> expected = I420ToRgb(DemoReference().last, DEMO_WIDTH, DEMO_HEIGHT);
+    EXPECT_LT(MeanDifference(image.rgb, expected), 6.0);
+  }
+}
+
+// The keys, sent with xdotool, checked in the title and in screenshots: space
+// pauses (a live stream runs on behind a frozen picture), the arrows seek, the
+// end shows the last position, q and Escape quit.
+TEST_F(PlayTest, ViewerKeysUnderXvfb) {
+  if (Shell("command -v xvfb-run && command -v xdotool").exitCode != 0)
+    GTEST_SKIP() << "xvfb-run and xdotool are needed";
+  RunResult r = Shell(ViewerEnvironment() + "xvfb-run -a -s '-screen 0 800x600x24' " +
+                      Quote(std::string(TQF_SOURCE_DIR) + "/tests/scripts/view_keys.sh") + " " + TOOL +
+                      " " + Quote(DEMO));
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(Lines(r.out), 7) << r.out;
 }
 
 }  // namespace

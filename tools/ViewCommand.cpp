@@ -13,6 +13,7 @@
 
 #include <SDL2/SDL.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -43,6 +44,8 @@ constexpr int32_t SEEK_STEP_SECONDS = 10;
 constexpr std::chrono::seconds FIRST_PICTURE_TIMEOUT{10};
 constexpr std::chrono::seconds STREAM_DRAIN_TIME{1};
 constexpr int EVENT_WAIT_MS = 10;
+// The share of the screen a window too large for it is scaled down to.
+constexpr double SCREEN_SHARE = 0.9;
 constexpr const char SNAPSHOT_VARIABLE[] = "TQFPLAY_VIEW_SNAPSHOT";
 
 struct ViewOptions {
@@ -156,18 +159,26 @@ class ViewSource {
     handle_ = -1;
   }
 
-  // Space: pauses, resumes, and after the end plays the file again.
+  // Space: pauses, resumes, and after the end plays the file again. A live
+  // stream is not stopped: it is fed and decoded on, and only the display
+  // holds its picture, so that resuming shows the live picture at once
+  // (stopping the player would drop frames and break the picture up to the
+  // next key frame).
   void TogglePause(LatestPicture& latest) {
     if (!paused_.load() && !Ended(latest)) {
       paused_.store(true);
-      TQ_Stop(handle_);
+      if (!o_.stream) TQ_Stop(handle_);
       return;
     }
     paused_.store(false);
-    if (!o_.stream) session_.ClearEnd();
+    if (o_.stream) return;
+    session_.ClearEnd();
     latest.RestartPacing();
     session_.Play(handle_);
   }
+
+  // Whether the window shows new pictures.
+  bool ShowsNewPictures() const { return !paused_.load(); }
 
   void Seek(int32_t step, LatestPicture& latest) {
     if (o_.stream) return;  // a live source has no position to move
@@ -181,6 +192,7 @@ class ViewSource {
       session_.ClearEnd();
       session_.Play(handle_);
     }
+    Position();  // a seek to the end may end the file before the title is drawn
   }
 
   // The file played its last frame, or the stream's bytes are all shown.
@@ -190,7 +202,7 @@ class ViewSource {
            std::chrono::steady_clock::now() - latest.LastArrival() > STREAM_DRAIN_TIME;
   }
 
-  std::string Title(LatestPicture& latest) const {
+  std::string Title(LatestPicture& latest) {
     char text[512];
     const char* state = paused_.load() ? " (paused)" : Ended(latest) ? " (end)" : "";
     if (o_.stream) {
@@ -198,26 +210,32 @@ class ViewSource {
       std::snprintf(text, sizeof text, "%s - live %02d:%02d%s", o_.path,
                     static_cast<int>(fed) / 60, static_cast<int>(fed) % 60, state);
     } else {
-      uint32_t position = 0;
-      TQ_GetPlayTime(handle_, &position);
+      const uint32_t position = Position();
       std::snprintf(text, sizeof text, "%s - %02u:%02u / %02u:%02u%s", o_.path, position / 60,
                     position % 60, length_ / 60, length_ % 60, state);
     }
     return text;
   }
 
+  // The file's position; after the end, the last one it played (the player
+  // rewinds to the start when it ends). The position is read before the end
+  // flag, which the player sets before it rewinds, so a position read after
+  // the rewind always meets the flag set.
+  uint32_t Position() {
+    uint32_t position = 0;
+    TQ_GetPlayTime(handle_, &position);
+    if (!session_.FileEnded()) lastPosition_ = position;
+    return lastPosition_;
+  }
+
  private:
-  // The feeder thread: the file in real time, holding while paused.
+  // The feeder thread: the source in real time, paused or not, as a camera
+  // sends it.
   void FeedStream() {
     FeedOptions options;
     options.realtime = true;
     feeder_.RestartClock();
     while (!feeder_.Done() && !stopFeeding_.load()) {
-      if (paused_.load()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(EVENT_WAIT_MS));
-        feeder_.RestartClock();
-        continue;
-      }
       StreamFeeder::Chunk chunk = feeder_.NextChunk(options);
       std::this_thread::sleep_until(chunk.due);
       TQ_InputData(handle_, chunk.data, static_cast<int32_t>(chunk.size));
@@ -231,6 +249,7 @@ class ViewSource {
   LibrarySession& session_;
   int32_t handle_ = -1;
   uint32_t length_ = 0;
+  uint32_t lastPosition_ = 0;  // the window's thread only
   std::atomic<bool> paused_{false};
   StreamFeeder feeder_;
   std::thread feederThread_;
@@ -251,9 +270,24 @@ struct SdlWindow {
   SDL_Texture* texture = nullptr;
 };
 
+// The window's size for a picture of `width` x `height`: the picture's own,
+// or scaled down, keeping its shape, to fit the screen's usable area with a
+// margin for the window's frame and title.
+void FitToScreen(int32_t width, int32_t height, int* windowWidth, int* windowHeight) {
+  *windowWidth = width;
+  *windowHeight = height;
+  SDL_Rect usable;
+  if (SDL_GetDisplayUsableBounds(0, &usable) != 0 || usable.w <= 0 || usable.h <= 0) return;
+  const double scale = std::min({1.0, usable.w * SCREEN_SHARE / width, usable.h * SCREEN_SHARE / height});
+  *windowWidth = std::max(1, static_cast<int>(width * scale));
+  *windowHeight = std::max(1, static_cast<int>(height * scale));
+}
+
 bool OpenWindow(SdlWindow& w, int32_t width, int32_t height, std::string* error) {
-  w.window = SDL_CreateWindow("tqfplay", SDL_WINDOWPOS_UNDEFINED, SDL_WINDOWPOS_UNDEFINED, width,
-                              height, SDL_WINDOW_RESIZABLE);
+  int windowWidth = 0, windowHeight = 0;
+  FitToScreen(width, height, &windowWidth, &windowHeight);
+  w.window = SDL_CreateWindow("tqfplay", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
+                              windowWidth, windowHeight, SDL_WINDOW_RESIZABLE);
   if (w.window != nullptr) w.renderer = SDL_CreateRenderer(w.window, -1, 0);
   if (w.renderer != nullptr)
     w.texture = SDL_CreateTexture(w.renderer, SDL_PIXELFORMAT_IYUV, SDL_TEXTUREACCESS_STREAMING,
@@ -304,7 +338,7 @@ void RunWindow(SdlWindow& w, ViewSource& source, LatestPicture& latest, const Vi
       }
     }
     if (LibrarySession::Interrupted()) return;
-    if (latest.Upload(w.texture)) {
+    if (source.ShowsNewPictures() && latest.Upload(w.texture)) {
       Draw(w);
       SDL_RenderPresent(w.renderer);
     }
@@ -388,7 +422,9 @@ extern const Command VIEW_COMMAND = {
     "  --start SECONDS  seek there first (files)\n"
     "  --autoexit       quit at the end instead of keeping the last picture\n"
     "\n"
-    "keys: space pause/resume, left/right seek 10 s (files), q or Escape quit\n"
+    "keys: space pause/resume, left/right seek 10 s (files), q or Escape quit.\n"
+    "A paused live stream runs on behind the held picture; resuming shows it live.\n"
+    "A picture larger than the screen is scaled down to fit.\n"
     "\n"
     "TQFPLAY_VIEW_SNAPSHOT=FILE.png writes what the window shows when it quits.\n",
     RunView,

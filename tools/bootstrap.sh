@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libswresample-dev
   libturbojpeg0-dev libsdl2-dev
-  ffmpeg xvfb
+  ffmpeg xvfb xdotool
 )
 
 missing=()
