@@ -83,6 +83,11 @@ TEST_F(ToolTest, ImportsMp4AndRawH264) {
     ASSERT_EQ(r.exitCode, 0) << input << ": " << r.err;
     EXPECT_NE(r.err.find("25 video frames (3 key frames)"), std::string::npos) << r.err;
     EXPECT_EQ(Lines(r.err), 1) << r.err;  // no warning for 25 fps without B-frames
+    // "-" writes the same file to standard output.
+    RunResult piped = Tool("import " + Quote(input) + " -");
+    ASSERT_EQ(piped.exitCode, 0) << piped.err;
+    const std::vector<uint8_t> written = ReadWholeFile(out);
+    EXPECT_TRUE(piped.out == std::string(written.begin(), written.end()));
 
     TQFReader reader;
     ASSERT_TRUE(reader.Open(out.c_str())) << input;

@@ -77,7 +77,7 @@ int RunAudio(int argc, char** argv) {
   if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
   if (!source.HasAudio()) return CommandError(NAME, "%s has no G.726 audio", paths[0]);
   OutputFile output;
-  if (!output.Prepare(paths[1], {paths[0]}, &error)) return CommandError(NAME, "%s", error.c_str());
+  if (!output.Prepare(paths[1], {paths[0]}, WriteAccess::SEEKING, &error)) return CommandError(NAME, "%s", error.c_str());
   FILE* file = std::fopen(output.WritePath(), "wb");
   if (file == nullptr) return CommandError(NAME, "cannot write %s: %s", paths[1], std::strerror(errno));
   uint64_t samples = 0;

@@ -378,7 +378,7 @@ int RunExport(int argc, char** argv) {
   if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
   av_log_set_level(AV_LOG_ERROR);  // the encoder's statistics are no message
   OutputFile output;
-  if (!output.Prepare(paths[1], {paths[0]}, &error)) return CommandError(NAME, "%s", error.c_str());
+  if (!output.Prepare(paths[1], {paths[0]}, WriteAccess::SEEKING, &error)) return CommandError(NAME, "%s", error.c_str());
   Exporter exporter(source, output.WritePath());
   if (!exporter.Run(&error)) return CommandError(NAME, "%s", error.c_str());
   if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());

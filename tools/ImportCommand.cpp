@@ -362,7 +362,7 @@ bool OpenInput(ImportContext& c) {
 
 bool CreateOutput(ImportContext& c) {
   std::string error;
-  if (!c.output.Prepare(c.outputPath, {c.inputPath}, &error)) {
+  if (!c.output.Prepare(c.outputPath, {c.inputPath}, WriteAccess::SEEKING, &error)) {
     CommandError(NAME, "%s", error.c_str());
     return false;
   }

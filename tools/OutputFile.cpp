@@ -1,9 +1,11 @@
 #include "OutputFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -42,11 +44,15 @@ OutputFile::~OutputFile() {
 }
 
 bool OutputFile::Prepare(const char* path, std::initializer_list<const char*> inputs,
-                         std::string* error) {
+                         WriteAccess access, std::string* error) {
   path_ = path;
   if (path_ == STANDARD_OUTPUT) {
     writePath_ = "/dev/stdout";
-    return true;
+    if (access == WriteAccess::SEQUENTIAL || lseek(STDOUT_FILENO, 0, SEEK_CUR) >= 0) return true;
+    const char* folder = std::getenv("TMPDIR");
+    spooled_ = true;
+    return MakeTemporary(std::string(folder != nullptr && *folder != '\0' ? folder : "/tmp") +
+                             "/tqfplay.XXXXXX", 0, error);
   }
   struct stat output;
   if (stat(path, &output) == 0 && !S_ISREG(output.st_mode) && !S_ISDIR(output.st_mode)) {
@@ -71,7 +77,13 @@ bool OutputFile::Prepare(const char* path, std::initializer_list<const char*> in
     }
   }
   size_t suffixLength = 0;
-  writePath_ = TemporaryTemplate(path_, &suffixLength);
+  const std::string pathTemplate = TemporaryTemplate(path_, &suffixLength);
+  return MakeTemporary(pathTemplate, suffixLength, error);
+}
+
+bool OutputFile::MakeTemporary(const std::string& pathTemplate, size_t suffixLength,
+                               std::string* error) {
+  writePath_ = pathTemplate;
   const int fd = mkstemps(writePath_.data(), static_cast<int>(suffixLength));
   if (fd < 0) {
     *error = "cannot write " + path_ + ": " + std::strerror(errno);
@@ -82,8 +94,26 @@ bool OutputFile::Prepare(const char* path, std::initializer_list<const char*> in
   return true;
 }
 
+bool OutputFile::CopyToStandardOutput(std::string* error) {
+  const int fd = open(writePath_.c_str(), O_RDONLY | O_CLOEXEC);
+  bool copied = fd >= 0;
+  char chunk[65536];
+  ssize_t got = 0;
+  while (copied && (got = read(fd, chunk, sizeof chunk)) != 0) {
+    if (got < 0 && errno == EINTR) continue;
+    copied = got > 0 && fwrite(chunk, 1, static_cast<size_t>(got), stdout) == static_cast<size_t>(got);
+  }
+  if (fd >= 0) close(fd);
+  copied = fflush(stdout) == 0 && copied;
+  if (!copied) *error = "writing to standard output failed: " + std::string(std::strerror(errno));
+  unlink(writePath_.c_str());
+  pending_ = false;
+  return copied;
+}
+
 bool OutputFile::Commit(std::string* error) {
   if (!pending_) return true;
+  if (spooled_) return CopyToStandardOutput(error);
   // The new file gets the usual permissions of a created file, not mkstemp's 0600.
   const mode_t mask = umask(0);
   umask(mask);

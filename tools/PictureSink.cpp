@@ -35,7 +35,7 @@ bool MakeWritableFolder(const char* path, std::string* error) {
 bool PictureSink::Open(const PictureSinkOptions& options, const char* input, std::string* error) {
   options_ = options;
   lastPictureNs_.store(NowNs());
-  if (options.y4mPath != nullptr && (!y4mOutput_.Prepare(options.y4mPath, {input}, error) ||
+  if (options.y4mPath != nullptr && (!y4mOutput_.Prepare(options.y4mPath, {input}, WriteAccess::SEQUENTIAL, error) ||
                                      !y4m_.Open(y4mOutput_.WritePath(), error)))
     return false;
   return options.pngFolder == nullptr || MakeWritableFolder(options.pngFolder, error);

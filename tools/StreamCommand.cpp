@@ -169,7 +169,7 @@ int RunStream(int argc, char** argv) {
   std::string error;
   OutputFile recording;
   if (!feeder.Open(o.path, &error) || !sink.Open(o.sink, o.path, &error) ||
-      (o.recordPath != nullptr && !recording.Prepare(o.recordPath, {o.path}, &error)))
+      (o.recordPath != nullptr && !recording.Prepare(o.recordPath, {o.path}, WriteAccess::SEEKING, &error)))
     return CommandError(NAME, "%s", error.c_str());
 
   LibrarySession session(PictureSink::Handle, &sink);
