@@ -186,13 +186,16 @@ class ViewSource {
     uint32_t position = 0;
     TQ_GetPlayTime(handle_, &position);
     int32_t target = static_cast<int32_t>(position) + step;
-    TQ_SetPlayTime(handle_, target < 0 ? 0 : target);
+    target = std::clamp<int32_t>(target, 0, static_cast<int32_t>(length_));
+    TQ_SetPlayTime(handle_, target);
+    // A seek to the end may end the file before any picture of the new
+    // position is shown: the title then shows where the seek went.
+    lastPosition_ = static_cast<uint32_t>(target);
     latest.RestartPacing();
     if (ended && !paused_.load()) {  // the file had stopped at its end
       session_.ClearEnd();
       session_.Play(handle_);
     }
-    Position();  // a seek to the end may end the file before the title is drawn
   }
 
   // The file played its last frame, or the stream's bytes are all shown.
