@@ -5,7 +5,7 @@ JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all bootstrap build demo view test test-unit test-race test-asan test-fuzz fuzz-build bench fuzz install clean
+.PHONY: all bootstrap build demo view test test-unit test-race test-asan test-fuzz fuzz-build bench fuzz coverage install clean
 
 all: build
 
@@ -54,7 +54,8 @@ FUZZ_SMOKE_SECONDS ?= 20
 fuzz-build: bootstrap
 	@tools/bootstrap.sh clang libclang-rt-14-dev
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DTQF_SANITIZE=address -DTQF_FUZZ=ON -DBUILD_TESTING=OFF
+	  -DTQF_SANITIZE=address -DTQF_BUILD_FUZZERS=ON -DTQF_BUILD_TESTS=OFF \
+	  -DTQF_BUILD_TOOLS=OFF -DTQF_BUILD_BENCHMARKS=OFF
 	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
 
 test-fuzz: fuzz-build
@@ -63,8 +64,18 @@ test-fuzz: fuzz-build
 fuzz: fuzz-build
 	tools/fuzz.sh $(FUZZ_SECONDS) build-fuzz
 
+# Line coverage per folder: the whole suite on an unoptimised --coverage
+# build, read by gcovr.
+coverage: bootstrap
+	@tools/bootstrap.sh gcovr
+	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug -DTQF_COVERAGE=ON
+	cmake --build build-coverage -j $(JOBS)
+	find build-coverage -name '*.gcda' -delete
+	ctest --test-dir build-coverage --output-on-failure -j $(JOBS)
+	tools/coverage.sh build-coverage
+
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) build-tsan build-asan build-fuzz
+	rm -rf $(BUILD) build-tsan build-asan build-fuzz build-coverage

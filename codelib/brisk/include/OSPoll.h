@@ -20,9 +20,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
-#include "WaitForMultipleObjectsExpand.h"
 #include "WaitableObject.h"
+
+// The wait on more than 64 objects, in the layer above the waitable objects:
+// only the source sees its definition.
+class WaitHandleSet;
 
 // A waitable handle, and the descriptor of a socket whose readiness the
 // handle stands for (-1, or any value not above 0, for none).
@@ -123,5 +127,5 @@ class COSPoll {
   HANDLE waitHandles_[POLL_MAX_RECORDS];
   PollRecord waitRecords_[POLL_MAX_RECORDS];
   int32_t waitCount_;
-  WaitHandleSet waitSet_;
+  std::unique_ptr<WaitHandleSet> waitSet_;
 };

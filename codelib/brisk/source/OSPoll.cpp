@@ -6,6 +6,7 @@
 
 #include "Diagnostics.h"
 #include "PerformanceSite.h"
+#include "WaitForMultipleObjectsExpand.h"
 
 namespace {
 
@@ -37,7 +38,9 @@ bool ReadSocketEvents(int32_t socket, HANDLE handle, uint32_t* events) {
 
 }  // namespace
 
-COSPoll::COSPoll() : tableCount_(0), removedInPass_(0), dirty_(1), waitCount_(0) {}
+COSPoll::COSPoll()
+    : tableCount_(0), removedInPass_(0), dirty_(1), waitCount_(0),
+      waitSet_(std::make_unique<WaitHandleSet>()) {}
 
 COSPoll::~COSPoll() { DelAllHandles(); }
 
@@ -187,7 +190,7 @@ int32_t COSPoll::Poll(uint32_t timeoutMs) {
   int32_t signalled[POLL_MAX_RECORDS];
   int32_t count = 0;
   const int32_t wait =
-      waitSet_.WaitAnySignaled(waitHandles_, waitCount_, timeoutMs, signalled, &count, rebuilt);
+      waitSet_->WaitAnySignaled(waitHandles_, waitCount_, timeoutMs, signalled, &count, rebuilt);
   const uint32_t lastError = GetLastError();
   removedInPass_ = 0;
   bool workDone = false;

@@ -4,7 +4,7 @@
 # baseline, no B-frames, an access unit delimiter before every picture and the
 # parameter sets repeated at every key frame), JPEG by the mjpeg encoder, and
 # the reference pictures by the ffmpeg tool decoding the same files.
-set(CODEC_MEDIA ${CMAKE_BINARY_DIR}/media/codecs)
+set(CODEC_MEDIA ${PROJECT_BINARY_DIR}/media/codecs)
 set(CODEC_MEDIA_FILES)
 
 function(codec_media output)
@@ -45,17 +45,3 @@ codec_media(picture_422_176x143.jpg -f lavfi -i testsrc2=size=176x144 -frames:v 
 codec_reference(picture_422_176x143.yuv picture_422_176x143.jpg yuvj422p)
 
 add_custom_target(codec_test_media DEPENDS ${CODEC_MEDIA_FILES})
-
-# Probe plugins in the AVS plugin's shape: one whose decode faults on demand,
-# and one that lacks avs_decode_one_frame.
-add_library(avsprobe SHARED ${CMAKE_CURRENT_LIST_DIR}/avs_probe_plugin.cpp)
-target_include_directories(avsprobe PRIVATE ${CMAKE_SOURCE_DIR}/codecs)
-add_library(avsnodecode SHARED ${CMAKE_CURRENT_LIST_DIR}/avs_probe_plugin.cpp)
-target_include_directories(avsnodecode PRIVATE ${CMAKE_SOURCE_DIR}/codecs)
-target_compile_definitions(avsnodecode PRIVATE AVS_PROBE_WITHOUT_DECODE)
-
-foreach(test decoder_factory_test h264_decoder_test jpeg_decoder_test avs_decoder_test g726_test)
-  add_dependencies(${test} codec_test_media avsdec jpgdec avsprobe avsnodecode)
-  target_compile_definitions(${test} PRIVATE TQF_FFMPEG="${TQF_FFMPEG}")
-endforeach()
-add_dependencies(fault_guard_race_test avsprobe)
