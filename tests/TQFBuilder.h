@@ -1,10 +1,13 @@
-// Builds TQF bytes for tests: header blocks, records and frames.
+// Builds TQF bytes for tests: header blocks, records and frames, in the
+// container's own layout constants.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "TQFFormat.h"
 
 namespace tqftest {
 
@@ -14,22 +17,17 @@ inline void PutLE32(Bytes& b, uint32_t v) {
   for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
 }
 
-inline uint32_t FourCC(const char* text) {
-  return static_cast<uint32_t>(static_cast<uint8_t>(text[0])) |
-         static_cast<uint32_t>(static_cast<uint8_t>(text[1])) << 8 |
-         static_cast<uint32_t>(static_cast<uint8_t>(text[2])) << 16 |
-         static_cast<uint32_t>(static_cast<uint8_t>(text[3])) << 24;
-}
+inline uint32_t FourCC(const char* text) { return MakeFourCC(text[0], text[1], text[2], text[3]); }
 
 // The 40-byte media descriptor.
 inline Bytes Descriptor(uint32_t compression, int32_t width, int32_t height) {
   Bytes d;
-  PutLE32(d, 40);
+  PutLE32(d, TQF_MEDIA_DESCRIPTOR_SIZE);
   PutLE32(d, static_cast<uint32_t>(width));
   PutLE32(d, static_cast<uint32_t>(height));
   PutLE32(d, 0x000C0001);  // planes 1, 12 bits per pixel
   PutLE32(d, compression);
-  d.resize(40, 0);
+  d.resize(TQF_MEDIA_DESCRIPTOR_SIZE, 0);
   return d;
 }
 
@@ -44,12 +42,13 @@ inline Bytes Header(const std::vector<Record>& records, int64_t countOverride = 
                     int32_t lengthDelta = 0) {
   Bytes body;
   for (const Record& r : records) {
-    PutLE32(body, r.type);
+    PutLE32(body, r.type);  // record head: type, length
     PutLE32(body, static_cast<uint32_t>(r.payload.size()));
     body.insert(body.end(), r.payload.begin(), r.payload.end());
   }
-  Bytes h = {'T', 'Q', 'F', '0'};
-  PutLE32(h, static_cast<uint32_t>(8 + body.size() + lengthDelta));
+  Bytes h;
+  PutLE32(h, TQF_FILE_MAGIC);
+  PutLE32(h, static_cast<uint32_t>(TQF_EMPTY_HEADER_LENGTH + body.size() + lengthDelta));
   PutLE32(h, 0);
   PutLE32(h, countOverride >= 0 ? static_cast<uint32_t>(countOverride)
                                 : static_cast<uint32_t>(records.size()));
@@ -62,15 +61,16 @@ inline Bytes VideoHeader(const char* fourcc, int32_t width, int32_t height) {
   return Header({{FourCC(fourcc), Descriptor(FourCC(fourcc), width, height)}});
 }
 
-constexpr uint32_t KEY = 0x100;
+constexpr uint32_t KEY = TQF_INFO_KEY_FRAME;
 
 inline uint32_t Info(uint32_t length, uint32_t flags, uint32_t stream) {
-  return length << 12 | flags | stream;
+  return MakeFrameInfo(length, (flags & KEY) != 0, stream);
 }
 
 // One frame: sync, info, stamp, payload.
 inline Bytes Frame(uint32_t info, uint32_t stamp, const Bytes& payload) {
-  Bytes f = {0x55, 0xAA, 0xA5, 0x5A};
+  Bytes f;
+  PutLE32(f, TQF_FRAME_SYNC);
   PutLE32(f, info);
   PutLE32(f, stamp);
   f.insert(f.end(), payload.begin(), payload.end());
@@ -92,6 +92,24 @@ inline Bytes IdPayload(uint32_t n, uint16_t id) {
   p[0] = static_cast<uint8_t>(id);
   p[1] = static_cast<uint8_t>(id >> 8);
   return p;
+}
+
+// A payload of `n` bytes counting up from `first`.
+inline Bytes Counting(uint32_t n, uint8_t first = 1) {
+  Bytes p(n);
+  for (uint32_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(first + i);
+  return p;
+}
+
+// A header block of records with these payload lengths: the first of type
+// "H264", the others of types 101, 102...; each payload counts up from its
+// number. `countOverride` writes another record count.
+inline Bytes RecordsHeader(const std::vector<uint32_t>& lengths, int64_t countOverride = -1) {
+  std::vector<Record> records;
+  for (size_t i = 0; i < lengths.size(); ++i)
+    records.push_back({i == 0 ? FOURCC_H264 : 100 + static_cast<uint32_t>(i),
+                       Counting(lengths[i], static_cast<uint8_t>(i))});
+  return Header(records, countOverride);
 }
 
 inline Bytes Concat(std::initializer_list<Bytes> parts) {

@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "CodecTestSupport.h"
 #include "OSTime.h"
 #include "PlayerManager.h"
 #include "TQFBuilder.h"
@@ -21,15 +22,26 @@ using namespace tqftest;
 
 namespace {
 
-int32_t Ignore(int32_t, uint8_t*, int32_t, int32_t, int32_t, uint32_t, int32_t, int32_t, uint32_t) {
+// Pictures delivered whole, and any that were not.
+std::atomic<uint64_t> g_pictures{0}, g_broken{0};
+
+int32_t Count(int32_t, uint8_t* data, int32_t size, int32_t width, int32_t height, uint32_t,
+              int32_t, int32_t, uint32_t user) {
+  const bool whole = data != nullptr && width == 176 && height == 144 &&
+                     size == 176 * 144 * 3 / 2 && user == 7;
+  ++(whole ? g_pictures : g_broken);
   return 0;
 }
 
 TEST(FilePlayerRace, SeeksRaceClosesWithoutFault) {
-  // A JPEG file of garbage frames: a real decoder, failing fast on every frame.
-  Bytes bytes = VideoHeader("JPEG", 64, 48);
+  // A JPEG file, garbage but for every tenth frame: a real decoder, quick
+  // to fail and now and then making a picture.
+  const Bytes jpeg = ReadWholeFile(CodecMediaPath("picture_420_176x144.jpg"));
+  ASSERT_FALSE(jpeg.empty());
+  Bytes bytes = VideoHeader("JPEG", 176, 144);
   for (int i = 0; i < 600; ++i) {
-    Bytes f = Frame(Info(200, i % 50 == 0 ? KEY : 0, 0), i, Payload(200, static_cast<uint8_t>(i)));
+    Bytes f = i % 10 == 0 ? Frame(Info(uint32_t(jpeg.size()), KEY, 0), i, jpeg)
+                          : Frame(Info(200, 0, 0), i, Payload(200, static_cast<uint8_t>(i)));
     bytes.insert(bytes.end(), f.begin(), f.end());
   }
   const std::string path = ::testing::TempDir() + "filerace_" + std::to_string(getpid()) + ".tqf";
@@ -62,7 +74,7 @@ TEST(FilePlayerRace, SeeksRaceClosesWithoutFault) {
     std::mt19937 random(11);
     while (!stop) {
       int32_t h = handles[random() % PLAYERS];
-      if (random() % 2) manager.Play(h, Ignore, 0); else manager.Stop(h);
+      if (random() % 2) manager.Play(h, Count, 7); else manager.Stop(h);
     }
   });
   threads.emplace_back([&] {
@@ -81,6 +93,8 @@ TEST(FilePlayerRace, SeeksRaceClosesWithoutFault) {
   for (auto& t : threads) t.join();
   for (auto& h : handles) EXPECT_EQ(manager.CloseFile(h), 0);
   EXPECT_GT(seeks.load(), 0);
+  EXPECT_GT(g_pictures.load(), 0u);
+  EXPECT_EQ(g_broken.load(), 0u);
   std::remove(path.c_str());
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+
 #include <cstring>
 #include <random>
 
@@ -118,8 +120,9 @@ TEST(G264Decoder, OpensForAnySizeButGivesPicturesOnlyForUsableOnes) {
 }
 
 // Damaged payloads of every kind never crash or overrun (the sanitizer build
-// watches), and decoding is exact again from the next key frame on.
-TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamage) {
+// watches), nor does a fault inside the decode, and decoding is exact again
+// from the next key frame on.
+TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamageAndFaults) {
   Media media(MAIN_352x288);
   ASSERT_GT(media.units.size(), size_t(2 * KEY_INTERVAL));
   std::mt19937 random(20261122);
@@ -157,6 +160,14 @@ TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamage) {
   (void)checksum;
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_FALSE(capture.Lines().empty());
+  // A fault inside a decode (here a payload in unreadable memory, mid-stream)
+  // ends it; the decoder starts afresh and takes the next key frame.
+  for (size_t i = 0; i < 3; ++i)
+    ASSERT_NE(decoder->Decode(media.units[i].data(), int32_t(media.units[i].size()), nullptr), nullptr);
+  void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(page, MAP_FAILED);
+  EXPECT_EQ(decoder->Decode(static_cast<uint8_t*>(page), 4096, nullptr), nullptr);
+  munmap(page, 4096);
   for (size_t i = KEY_INTERVAL; i < media.units.size(); ++i) {
     uint8_t* picture = decoder->Decode(media.units[i].data(), int32_t(media.units[i].size()), nullptr);
     ASSERT_NE(picture, nullptr) << "payload " << i;

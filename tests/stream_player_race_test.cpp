@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "CodecTestSupport.h"
 #include "OSTime.h"
 #include "PlayerManager.h"
 #include "TQFBuilder.h"
@@ -19,16 +20,24 @@ using namespace tqftest;
 
 namespace {
 
-std::atomic<uint64_t> g_pictures{0};
+// Pictures delivered whole (the JPEG's size and a full I420 frame), and any
+// that were not.
+std::atomic<uint64_t> g_pictures{0}, g_broken{0};
 
-int32_t Count(int32_t, uint8_t*, int32_t, int32_t, int32_t, uint32_t, int32_t, int32_t, uint32_t) {
-  ++g_pictures;
+int32_t Count(int32_t, uint8_t* data, int32_t size, int32_t width, int32_t height, uint32_t,
+              int32_t, int32_t, uint32_t) {
+  const bool whole = data != nullptr && width == 176 && height == 144 && size == 176 * 144 * 3 / 2;
+  ++(whole ? g_pictures : g_broken);
   return 0;
 }
 
 TEST(StreamPlayerRace, HostThreadsFeedPlayRecordAndCloseAtOnce) {
   PlayerManager manager;
-  const Bytes header = VideoHeader("JPEG", 64, 48);  // a real decoder, fed garbage
+  // A real decoder on real pictures, fed from random offsets and cut at
+  // random lengths, so the parser meets garbage as well.
+  const Bytes header = VideoHeader("JPEG", 176, 144);
+  const Bytes jpeg = ReadWholeFile(CodecMediaPath("picture_420_176x144.jpg"));
+  ASSERT_FALSE(jpeg.empty());
   constexpr int STREAMS = 4;
   std::atomic<int32_t> handles[STREAMS];
   for (auto& h : handles) {
@@ -39,7 +48,9 @@ TEST(StreamPlayerRace, HostThreadsFeedPlayRecordAndCloseAtOnce) {
   }
   Bytes chunk;
   for (int i = 0; i < 40; ++i) {
-    Bytes f = Frame(Info(300, i % 10 == 0 ? KEY : 0, i % 3 == 0 ? 1 : 0), i, Payload(300, static_cast<uint8_t>(i)));
+    const bool audio = i % 3 == 0;
+    Bytes f = audio ? Frame(Info(300, 0, 1), i, Payload(300, static_cast<uint8_t>(i)))
+                    : Frame(Info(uint32_t(jpeg.size()), KEY, 0), i, jpeg);
     chunk.insert(chunk.end(), f.begin(), f.end());
   }
   const std::string base = ::testing::TempDir() + "race_" + std::to_string(getpid()) + "_";
@@ -84,6 +95,18 @@ TEST(StreamPlayerRace, HostThreadsFeedPlayRecordAndCloseAtOnce) {
   stop = true;
   for (auto& t : threads) t.join();
   for (auto& h : handles) EXPECT_EQ(manager.CloseStream(h), 0);
+  EXPECT_GT(g_pictures.load(), 0u);
+  EXPECT_EQ(g_broken.load(), 0u);
+  // The manager still plays a stream whole after the storm.
+  const uint64_t before = g_pictures.load();
+  int32_t handle = -1;
+  ASSERT_EQ(manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &handle), 0);
+  ASSERT_EQ(manager.Play(handle, Count, 0), 0);
+  ASSERT_EQ(manager.InputData(handle, chunk.data(), static_cast<int32_t>(chunk.size())), 0);
+  for (uint32_t start = GetTickCount(); g_pictures.load() < before + 26 && GetTickCount() - start < 20000;)
+    Sleep(1);
+  EXPECT_EQ(g_pictures.load(), before + 26);  // the 26 video frames of the chunk
+  EXPECT_EQ(manager.CloseStream(handle), 0);
   for (int i = 0; i < 3; ++i) std::remove((base + std::to_string(i) + ".tqf").c_str());
 }
 

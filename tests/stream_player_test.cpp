@@ -312,6 +312,53 @@ TEST_F(StreamPlayerTest, BlockedCallbackLosesTheOldestFramesButNotTheRecording) 
   g_pictures.Reset();
 }
 
+// The live queue evicts its oldest frames to take a new one; when the oldest
+// is held by a reader it cannot, and the new frame is refused with a debug
+// line. The recording still gets every frame, and the stream goes on once
+// the block is let go.
+TEST_F(StreamPlayerTest, FullLiveQueueRefusesFramesButNotTheRecording) {
+  CountingDecoder* decoder;
+  int32_t h = OpenCounted(&decoder);
+  DiagnosticsCapture capture;
+  std::atomic<bool> release{false};
+  g_pictures.onPicture = [&](const Picture&) {
+    while (!release.load()) Sleep(1);
+  };
+  ASSERT_EQ(manager_.Play(h, LogPicture, 0), 0);
+  const std::string path = dir_ + "_full.tqf";
+  ASSERT_EQ(manager_.StartRecord(h, path.c_str()), 0);
+  constexpr uint32_t SIZE = 500000;  // 70 of them overfill the 32 MiB queue
+  Bytes recorded = VideoHeader("XVID", 352, 288);
+  auto feed = [&](int i) {
+    const Bytes f = Frame(Info(SIZE, i == 0 ? KEY : 0, 0), i, IdPayload(SIZE, uint16_t(i)));
+    recorded.insert(recorded.end(), f.begin(), f.end());
+    ASSERT_EQ(Feed(h, f), 0);
+    ASSERT_TRUE(Eventually([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
+  };
+  feed(0);
+  ASSERT_TRUE(Eventually([&] { return g_pictures.inCallback.load(); }));  // the worker waits
+  for (int i = 1; i <= 70; ++i) feed(i);
+  VBufferQueue& queue = Player(h)->videoQueue;
+  int32_t size = 0;
+  uint8_t* held = queue.GetBuffer(nullptr, &size, nullptr);
+  ASSERT_NE(held, nullptr);
+  const int32_t queued = queue.GetBufferCount();
+  for (int i = 71; i <= 75; ++i) feed(i);
+  EXPECT_EQ(queue.GetBufferCount(), queued);
+  size_t refusals = 0;
+  for (const std::string& line : capture.Lines()) refusals += line == "vBuf is full!\n";
+  EXPECT_EQ(refusals, 5u);
+  ASSERT_EQ(queue.ReleaseBuffer(held, 0), 1);
+  release = true;
+  feed(76);
+  ASSERT_TRUE(Eventually([&] { return !g_pictures.Items().empty() &&
+                                      g_pictures.Items().back().id == 76; }));
+  ASSERT_EQ(manager_.StopRecord(h), 0);
+  EXPECT_TRUE(ReadFile(path) == recorded);
+  std::remove(path.c_str());
+  g_pictures.Reset();
+}
+
 class StreamRecording : public StreamPlayerTest {
  protected:
   void SetUp() override {
