@@ -65,7 +65,7 @@ constexpr uint32_t DECODER_KEY_H264 = FOURCC_H264;
 constexpr uint32_t DECODER_KEY_G264 = FOURCC_G264;
 constexpr uint32_t DECODER_KEY_AVS0 = FOURCC_AVS0;
 constexpr uint32_t DECODER_KEY_JPEG = FOURCC_JPEG;
-constexpr uint32_t DECODER_KEY_G726 = 100;
+constexpr uint32_t DECODER_KEY_G726 = G726_RECORD_TYPE;
 
 // A new, not yet opened member for (video, key), or null for an unknown pair
 // or when memory runs out. The AVS and JPEG members bind their plugin here; a

@@ -10,6 +10,9 @@
 
 #include <cstdint>
 
+// The audio G.726 carries here: 8000 samples a second, mono.
+constexpr int32_t G726_SAMPLE_RATE = 8000;
+
 // The standard's state, 24 words in this order; no word is cut to 16 bits.
 struct G726State {
   int32_t ap;     // speed control parameter

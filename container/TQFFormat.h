@@ -34,6 +34,8 @@ constexpr uint32_t FOURCC_AVS0 = MakeFourCC('A', 'V', 'S', '0');  // 0x30535641
 constexpr uint32_t FOURCC_JPEG = MakeFourCC('J', 'P', 'E', 'G');  // 0x4745504A
 static_assert(FOURCC_H264 == 0x34363248 && FOURCC_G264 == 0x34363247 &&
               FOURCC_AVS0 == 0x30535641 && FOURCC_JPEG == 0x4745504A);
+// The record type of a G.726 audio stream (the payload: a WAVEFORMATEX).
+constexpr uint32_t G726_RECORD_TYPE = 100;
 
 // Sizes of the fixed parts.
 constexpr uint32_t TQF_FILE_HEADER_SIZE = 16;

@@ -138,7 +138,8 @@ TQFReader::~TQFReader() { Close(); }
 
 bool TQFReader::Open(const char* path) {
   if (view != nullptr || path == nullptr) return false;
-  if (!MappedFile::Open(path, 0, 0, 0, 0, nullptr, 0)) return false;
+  if (!MappedFile::Open(path, MAPPED_READ, /*offset=*/0, MAPPED_WHOLE_FILE, MAPPED_PRIVATE,
+                        /*mappingName=*/nullptr, /*readOnly=*/0)) return false;
   if (!BuildIndex()) {
     Close();
     return false;

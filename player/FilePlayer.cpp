@@ -68,9 +68,15 @@ int32_t FileSetPlayTime(PlayerCore* player, int32_t seconds) {
 
 }  // namespace
 
+// A file plays, tells its length and position and seeks; it takes no input
+// and records nothing.
 const PlayerKind FilePlayer::KIND = {
-    FileCreate, FileDestroy, FilePlay, nullptr, nullptr, nullptr, FileGetFileTime, FileGetPlayTime,
-    FileSetPlayTime,
+    .create = FileCreate,
+    .destroy = FileDestroy,
+    .play = FilePlay,
+    .getFileTime = FileGetFileTime,
+    .getPlayTime = FileGetPlayTime,
+    .setPlayTime = FileSetPlayTime,
 };
 
 TickThread::TickThread() : CCallbackEventThread(nullptr, nullptr, nullptr, nullptr), event{} {}
@@ -118,18 +124,14 @@ void FilePlayer::Open(const char* path) {
       length != static_cast<int32_t>(TQF_FIRST_RECORD_LENGTH_LONG))
     throw 0;
   // The codec comes from the record's type, not from the descriptor.
-  videoDecoder = CreateDecoder(true, type);
-  const int32_t w = static_cast<int32_t>(LoadU32(record + 4));
-  const int32_t h = static_cast<int32_t>(LoadU32(record + 8));
-  if (!IsPlayablePictureSize(w, h)) throw 0;
-  if (videoDecoder && !videoDecoder->Open(w, h)) throw 0;
-  width = w;
-  height = h;
+  OpenVideoDecoder(type, record);
 
   if (tickThread.ThreadId() != 0) throw 0;
   tickThread.tickFn = TickEntry;
   tickThread.tickContext = this;
-  if (!tickThread.OpenWithCallback(ForwardToTick, &tickThread, 1, 0x100000, INFINITE, 0))
+  if (!tickThread.OpenWithCallback(ForwardToTick, &tickThread, EVENT_THREAD_PRIORITY_NORMAL,
+                                  EVENT_THREAD_STACK_SIZE, /*pollTimeoutMs=*/INFINITE,
+                                  EVENT_THREAD_NO_SELF_CLOSE))
     throw 0;
   if (!tickThread.event.handle) {
     HANDLE event = CreateEventA(nullptr, 1, 1, nullptr);

@@ -36,6 +36,12 @@ struct PlayerCore {
   int32_t reservedMinusOne = -1;  // written once, read by nothing
   int32_t reservedOne = 1;        // written once, read by nothing
   uint32_t notifyWindow = 0;      // never set: no end-of-file message has a receiver
+  // Guards the playing position and the decoder's state: for a file player
+  // `frameIndex`, `sawKeyFrame`, the reader's buffer and `videoDecoder`,
+  // taken by its tick (one frame each) and by a seek; for a stream player the
+  // parse buffer and its counters, taken by TQ_InputData. Taken after the
+  // manager's `tableLock` (shared), never before it. Not taken by the
+  // stream's worker, which owns the decoder once it runs.
   CRecursiveLock lock;
 
   PlayerCore(PlayerManager* owner, int32_t playerHandle);
@@ -49,4 +55,11 @@ struct PlayerCore {
 
   // Hands a decoded picture to the host's callback, if there is one.
   void Deliver(uint8_t* picture, uint32_t stamp);
+
+  // Makes `videoDecoder` for `key` (none for a key no decoder has) and opens
+  // it at the picture size of a media descriptor (width at byte 4, height at
+  // byte 8), which becomes `width` and `height`. Raises 0 for a size no
+  // picture can have or a decoder that does not open; the caller then
+  // releases the decoder.
+  void OpenVideoDecoder(uint32_t key, const uint8_t* descriptor);
 };

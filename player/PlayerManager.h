@@ -52,6 +52,12 @@ struct PlayerHolder {
 };
 
 struct PlayerManager {
+  // Guards `table` and `nextHandle`, and keeps players alive while used:
+  // shared by every call on a handle and by a file player's tick (for the
+  // whole call, so a close waits for it), exclusive to open and close
+  // (insert and remove). Taken before a player's `lock`. Its release pairs
+  // with the next acquire: a player is wholly built before any call can
+  // find it.
   CRWLock tableLock;
   PlayerTable table;
   int32_t nextHandle = 0;

@@ -64,9 +64,13 @@ int32_t StreamStopRecord(PlayerCore* player) { return static_cast<StreamPlayer*>
 
 }  // namespace
 
+// A live stream is fed and recorded; it has no length, position or seek.
 const PlayerKind StreamPlayer::KIND = {
-    CreateStream, DestroyStream, nullptr, StreamInputData, StreamStartRecord, StreamStopRecord,
-    nullptr,      nullptr,       nullptr,
+    .create = CreateStream,
+    .destroy = DestroyStream,
+    .inputData = StreamInputData,
+    .startRecord = StreamStartRecord,
+    .stopRecord = StreamStopRecord,
 };
 
 StreamPlayer::StreamPlayer(PlayerManager* owner, int32_t playerHandle, const uint8_t* header,
@@ -75,8 +79,10 @@ StreamPlayer::StreamPlayer(PlayerManager* owner, int32_t playerHandle, const uin
   memset(descriptor, 0, sizeof descriptor);
   try {
     ValidateHeader(header, size);
-    if (!videoQueue.Open(STREAM_VIDEO_QUEUE_SIZE, nullptr, nullptr, 4) ||
-        !audioQueue.Open(STREAM_AUDIO_QUEUE_SIZE, nullptr, nullptr, 4))
+    if (!videoQueue.Open(STREAM_VIDEO_QUEUE_SIZE, /*name=*/nullptr, /*buffer=*/nullptr,
+                         VBUF_ALIGN_WORD) ||
+        !audioQueue.Open(STREAM_AUDIO_QUEUE_SIZE, /*name=*/nullptr, /*buffer=*/nullptr,
+                         VBUF_ALIGN_WORD))
       throw 0;
     StartWorker();
   } catch (int) {
@@ -115,13 +121,8 @@ void StreamPlayer::ValidateHeader(const uint8_t* header, uint32_t size) {
   if (!parsed.Parse(header, size)) throw -1;
   if (!parsed.hasVideo) return;  // no video record: no decoder, size -1
   memcpy(descriptor, &parsed.video, sizeof descriptor);
-  videoDecoder = CreateDecoder(true, LoadU32(descriptor + 16));
-  const int32_t w = static_cast<int32_t>(LoadU32(descriptor + 4));
-  const int32_t h = static_cast<int32_t>(LoadU32(descriptor + 8));
-  if (!IsPlayablePictureSize(w, h)) throw 0;
-  if (videoDecoder && !videoDecoder->Open(w, h)) throw 0;
-  width = w;
-  height = h;
+  // The codec comes from the descriptor's compression word.
+  OpenVideoDecoder(LoadU32(descriptor + 16), descriptor);
 }
 
 void StreamPlayer::StartWorker() {
@@ -225,10 +226,10 @@ void StreamPlayer::Dispatch(uint32_t info) {
     const int32_t blockSize = static_cast<int32_t>(length) + BLOCK_HEAD_SIZE;
     if (stream == TQF_STREAM_VIDEO && recording.load(std::memory_order_acquire))
       QueueForRecording(blockSize);
-    uint8_t* block = target.PrepareNewBufferAtTail(blockSize, 1, nullptr);
+    uint8_t* block = target.PrepareNewBufferAtTail(blockSize, VBUF_EVICT_OLDEST, nullptr);
     if (block) {
       memcpy(block, parseBuffer + parseStart + 4, static_cast<size_t>(blockSize));
-      target.NewBufferAtTail(block, -1, 0, 0, 0);
+      target.NewBufferAtTail(block, VBUF_RESERVED_SIZE, /*user=*/0, /*allowEmpty=*/0, /*skip=*/0);
       WakeWorker();
     } else {
       OutputDebugStringA(stream == 0 ? "vBuf is full!\n" : "aBuf is full!\n");
@@ -296,7 +297,7 @@ bool StreamPlayer::AudioStep() {
   bool result = true;
   // Audio is drained, never decoded: no window ever asks for the decoder.
   if (notifyWindow != 0 && audioDecoder == nullptr) {
-    audioDecoder = CreateDecoder(false, 100);
+    audioDecoder = CreateDecoder(/*video=*/false, DECODER_KEY_G726);
     result = audioDecoder != nullptr;
   }
   if (block) audioQueue.ReleaseAndRemoveAtHead(block, 0, nullptr);
@@ -305,7 +306,7 @@ bool StreamPlayer::AudioStep() {
 
 void StreamPlayer::QueueForRecording(int32_t blockSize) {
   const uint32_t generation = recordGeneration.load(std::memory_order_acquire);
-  uint8_t* block = recordQueue.PrepareNewBufferAtTail(blockSize, /*evict=*/0, nullptr);
+  uint8_t* block = recordQueue.PrepareNewBufferAtTail(blockSize, VBUF_NO_EVICT, nullptr);
   if (block == nullptr) {
     OutputDebugStringA("TQF record queue full, frame lost.\n");
     recordGap = true;
@@ -314,13 +315,14 @@ void StreamPlayer::QueueForRecording(int32_t blockSize) {
   memcpy(block, parseBuffer + parseStart + 4, static_cast<size_t>(blockSize));
   const uint32_t user = (generation & RECORD_GENERATION_MASK) | (recordGap ? RECORD_GAP_FLAG : 0);
   recordGap = false;
-  recordQueue.NewBufferAtTail(block, -1, user, 0, 0);
+  recordQueue.NewBufferAtTail(block, VBUF_RESERVED_SIZE, user, /*allowEmpty=*/0, /*skip=*/0);
   SetEvent(recorderWake);
 }
 
 bool StreamPlayer::StartRecorder() {
   if (recorderThread != nullptr) return true;
-  if (!recordQueue.IsOpen() && !recordQueue.Open(STREAM_RECORD_QUEUE_SIZE, nullptr, nullptr, 4))
+  if (!recordQueue.IsOpen() && !recordQueue.Open(STREAM_RECORD_QUEUE_SIZE, /*name=*/nullptr,
+                                                     /*buffer=*/nullptr, VBUF_ALIGN_WORD))
     return false;
   if (recorderWake == nullptr) recorderWake = CreateEventA(nullptr, 0, 0, nullptr);
   if (recorderWake == nullptr) return false;

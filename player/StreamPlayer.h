@@ -55,6 +55,8 @@ struct StreamPlayer : PlayerCore {
   // down once, at the end of the call.
   uint8_t parseBuffer[PARSE_BUFFER_SIZE];
   int32_t parseStart = 0;
+  // Set (release) by StopWorker before it wakes and joins the worker; read
+  // (acquire) by the worker at every pass.
   std::atomic<bool> stopWorker{false};
   bool awaitFirstKey = true;
   HANDLE workerThread = nullptr;
@@ -69,6 +71,8 @@ struct StreamPlayer : PlayerCore {
   TQFWriter recordWriter;
   // Which recording the frames being queued belong to: a frame queued with
   // another number (one that ended meanwhile) is dropped by the recorder.
+  // Bumped (release) under `recordLock` when a recording ends; read (acquire)
+  // by the parser as it queues a frame.
   std::atomic<uint32_t> recordGeneration{0};
   // The parser's own: a frame was lost to the recording since the last one
   // queued, so the recording must go on from a key frame.
@@ -76,6 +80,7 @@ struct StreamPlayer : PlayerCore {
   VBufferQueue recordQueue{1, 0};  // opened with the recorder
   HANDLE recorderThread = nullptr;
   HANDLE recorderWake = nullptr;  // auto-reset, set by the parser per frame
+  // As `stopWorker`, for the recorder.
   std::atomic<bool> stopRecorder{false};
   uint8_t descriptor[TQF_MEDIA_DESCRIPTOR_SIZE];
   // The worker's wake-up: auto-reset, set by the parser when `workerIdle`.

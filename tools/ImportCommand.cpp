@@ -25,6 +25,7 @@ extern "C" {
 }
 
 #include "AvError.h"
+#include "G726.h"
 #include "Options.h"
 #include "OutputFile.h"
 #include "TQFFormat.h"
@@ -36,15 +37,12 @@ constexpr const char NAME[] = "import";
 
 // The audio the player's G.726 decoder takes: 32 kbit/s, 8 kHz mono, four
 // bits a sample, low nibble first (g726le), 320 bytes a frame.
-constexpr int AUDIO_SAMPLE_RATE = 8000;
 constexpr int AUDIO_BIT_RATE = 32000;
 constexpr size_t AUDIO_FRAME_BYTES = 320;
-constexpr uint32_t AUDIO_FRAME_MS = AUDIO_FRAME_BYTES * 2 * 1000 / AUDIO_SAMPLE_RATE;  // 80
+constexpr uint32_t AUDIO_FRAME_MS = AUDIO_FRAME_BYTES * 2 * 1000 / G726_SAMPLE_RATE;  // 80
 constexpr int AUDIO_ENCODER_FRAME_SAMPLES = 640;  // used when the encoder names no size
-// The audio stream's record: the G.726 decoder's key as its type, and a
-// WAVEFORMATEX (format tag, channels, rate, bytes a second, block align,
-// bits a sample, extra size) as its payload.
-constexpr uint32_t AUDIO_RECORD_TYPE = 100;
+// The audio stream's record (G726_RECORD_TYPE) holds a WAVEFORMATEX (format
+// tag, channels, rate, bytes a second, block align, bits a sample, extra size).
 #pragma pack(push, 1)
 struct WaveFormat {
   uint16_t formatTag;
@@ -237,23 +235,23 @@ bool OpenAudio(ImportContext& c) {
   int result = avcodec_parameters_to_context(c.audioDecoder, parameters);
   if (result >= 0) result = avcodec_open2(c.audioDecoder, decoder, nullptr);
   if (result >= 0) {
-    c.audioEncoder->sample_rate = AUDIO_SAMPLE_RATE;
+    c.audioEncoder->sample_rate = G726_SAMPLE_RATE;
     c.audioEncoder->sample_fmt = AV_SAMPLE_FMT_S16;
     c.audioEncoder->bit_rate = AUDIO_BIT_RATE;
-    c.audioEncoder->time_base = AVRational{1, AUDIO_SAMPLE_RATE};
+    c.audioEncoder->time_base = AVRational{1, G726_SAMPLE_RATE};
     av_channel_layout_default(&c.audioEncoder->ch_layout, 1);
     result = avcodec_open2(c.audioEncoder, encoder, nullptr);
   }
   if (result >= 0)
     result = swr_alloc_set_opts2(&c.resampler, &c.audioEncoder->ch_layout, AV_SAMPLE_FMT_S16,
-                                 AUDIO_SAMPLE_RATE, &c.audioDecoder->ch_layout,
+                                 G726_SAMPLE_RATE, &c.audioDecoder->ch_layout,
                                  c.audioDecoder->sample_fmt, c.audioDecoder->sample_rate, 0, nullptr);
   if (result >= 0) result = swr_init(c.resampler);
   if (result < 0) {
     CommandError(NAME, "audio: %s", AvError(result).c_str());
     return false;
   }
-  c.samples = av_audio_fifo_alloc(AV_SAMPLE_FMT_S16, 1, AUDIO_SAMPLE_RATE);
+  c.samples = av_audio_fifo_alloc(AV_SAMPLE_FMT_S16, 1, G726_SAMPLE_RATE);
   return c.samples != nullptr;
 }
 
@@ -295,7 +293,7 @@ bool EncodeQueued(ImportContext& c, bool atEnd) {
     av_frame_unref(c.toEncode);
     c.toEncode->nb_samples = count;
     c.toEncode->format = AV_SAMPLE_FMT_S16;
-    c.toEncode->sample_rate = AUDIO_SAMPLE_RATE;
+    c.toEncode->sample_rate = G726_SAMPLE_RATE;
     if (av_channel_layout_copy(&c.toEncode->ch_layout, &c.audioEncoder->ch_layout) < 0 ||
         av_frame_get_buffer(c.toEncode, 0) < 0 ||
         av_audio_fifo_read(c.samples, reinterpret_cast<void**>(c.toEncode->data), count) != count)
@@ -384,9 +382,9 @@ bool CreateOutput(ImportContext& c) {
                  "(width a multiple of 16, even height)\n", video->width, video->height);
   bool added = c.writer.AddRecord(c.fourcc, &descriptor, sizeof descriptor) == 0;
   if (added && c.withAudio) {
-    const WaveFormat wave{static_cast<uint16_t>(AUDIO_RECORD_TYPE), 1, AUDIO_SAMPLE_RATE,
+    const WaveFormat wave{static_cast<uint16_t>(G726_RECORD_TYPE), 1, G726_SAMPLE_RATE,
                           AUDIO_BIT_RATE / 8, 1, 4, 0};
-    added = c.writer.AddRecord(AUDIO_RECORD_TYPE, &wave, sizeof wave) == 1;
+    added = c.writer.AddRecord(G726_RECORD_TYPE, &wave, sizeof wave) == 1;
   }
   if (!added) CommandError(NAME, "%s: write failed", c.outputPath);
   return added;

@@ -15,11 +15,6 @@
 #include "G726.h"
 #include "TQFReader.h"
 
-// The audio the G.726 module decodes: 8000 samples a second, mono.
-constexpr int G726_SAMPLE_RATE = 8000;
-// The record type of a G.726 audio stream.
-constexpr uint32_t G726_RECORD_TYPE = 100;
-
 class MediaSource {
  public:
   // Maps and indexes `path`. False with a message for a file that is

@@ -14,7 +14,8 @@
 //
 //   CCallbackEventThread* thread = new CCallbackEventThread(nullptr, nullptr, nullptr, nullptr);
 //   HANDLE ticker = CreateEventA(nullptr, 1, 1, nullptr);   // manual reset, set: always due
-//   thread->OpenWithCallback(Tick, player, 1, 0x100000, INFINITE, 0);   // 1 or 0
+//   thread->OpenWithCallback(Tick, player, EVENT_THREAD_PRIORITY_NORMAL, EVENT_THREAD_STACK_SIZE,
+//                            INFINITE, EVENT_THREAD_NO_SELF_CLOSE);       // 1 or 0
 //   thread->AddHandle(reinterpret_cast<HandleObj>(ticker), ticker, -1, 0, 3);  // wait 0: posted
 //   ...            // Tick(player, key, 3) runs on the worker pass after pass
 //   thread->Close(INFINITE);  // stop message, worker joined; Tick never runs again
@@ -77,6 +78,11 @@ constexpr uint32_t CEVENTTHREAD_SHORT_GRACE_MS = 50;
 // grace: the host's file name (behind the last '/' or '\') is on the list, or
 // the module's extension is "ocx" in any case.
 bool EventThreadNeedsShortGrace(const char* hostPath, const char* modulePath);
+
+// Named values of Open and its callback forms.
+constexpr int32_t EVENT_THREAD_PRIORITY_NORMAL = 1;     // of 0..3: lowest to time critical
+constexpr uint32_t EVENT_THREAD_STACK_SIZE = 0x100000;  // 1 MiB, the players' workers
+constexpr int32_t EVENT_THREAD_NO_SELF_CLOSE = 0;       // Close only from other threads
 
 class CEventThread;
 

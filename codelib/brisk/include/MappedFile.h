@@ -7,7 +7,8 @@
 // anonymous memory of `length` bytes instead of a file.
 //
 //   MappedFile file;
-//   if (file.Open(path, 0, 0, 0, 0, nullptr, 0) && file.view != nullptr)
+//   if (file.Open(path, MAPPED_READ, /*offset=*/0, MAPPED_WHOLE_FILE, MAPPED_PRIVATE,
+//                 /*mappingName=*/nullptr, /*readOnly=*/0) && file.view != nullptr)
 //     file.Read(offset, buffer, count);
 //
 // Another process may shorten a mapped file; a load from a page past the new
@@ -26,6 +27,11 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+
+// Named values of Open.
+constexpr int32_t MAPPED_READ = 0;        // writable: a read-only mapping
+constexpr uint64_t MAPPED_WHOLE_FILE = 0;  // offset and length 0 and 0: the whole file
+constexpr int32_t MAPPED_PRIVATE = 0;     // shared: changes stay in this process
 
 class MappedFile {
  public:

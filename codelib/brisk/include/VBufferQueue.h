@@ -28,18 +28,19 @@
 // The live stream's cycle (one writer thread, one reader thread)
 //
 //   VBufferQueue queue(1, 0);                    // locked, no reader tracking
-//   queue.Open(0x2000000, nullptr, nullptr, 4);  // 32 MiB, own buffer
+//   queue.Open(0x2000000, /*name=*/nullptr, /*buffer=*/nullptr, VBUF_ALIGN_WORD);
 //
 // Producer, per frame of `size` bytes:
 //
-//   uint8_t* block = queue.PrepareNewBufferAtTail(size, 1, nullptr);
+//   uint8_t* block = queue.PrepareNewBufferAtTail(size, VBUF_EVICT_OLDEST, nullptr);
 //   if (block == nullptr) { /* no room even after eviction: drop the frame */ }
 //   else {
 //     memcpy(block, frame, size);                // no lock held while copying
-//     queue.NewBufferAtTail(block, -1, 0, 0, 0); // commit the size reserved
+//     queue.NewBufferAtTail(block, VBUF_RESERVED_SIZE, /*user=*/0, /*allowEmpty=*/0,
+//                           /*skip=*/0);
 //   }
 //
-//   With evict 1 the reservation drops the oldest idle blocks until the new
+//   With VBUF_EVICT_OLDEST the reservation drops the oldest idle blocks until the new
 //   one fits; it stops at a block that is held, so the reader's block is safe.
 //   A frame that turns out shorter commits a smaller size instead of -1 (the
 //   end is reused at once); size 0 cancels the reservation.
@@ -153,6 +154,12 @@ struct __attribute__((packed)) VBufHeader {
   uint32_t magicEnd;           // VBUF_MAGIC again
 };
 static_assert(sizeof(VBufHeader) == VBUF_HEADER_SIZE, "the header layout is fixed");
+
+// Named values of the calls below.
+constexpr int32_t VBUF_ALIGN_WORD = 4;      // Open: blocks on 4-byte boundaries (or 68)
+constexpr int32_t VBUF_EVICT_OLDEST = 1;    // Prepare: drop idle blocks at the far end to fit
+constexpr int32_t VBUF_NO_EVICT = 0;        // Prepare: fail when the block does not fit
+constexpr int32_t VBUF_RESERVED_SIZE = -1;  // NewBuffer: commit the size reserved
 
 class VBufferQueue;
 struct VBufferQueueImpl;

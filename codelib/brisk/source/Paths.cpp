@@ -71,7 +71,8 @@ uint64_t ByteSum(const uint8_t* bytes, size_t size) {
 // payload to `out` when `out` is not null.
 bool CheckSavedFile(const char* path, std::vector<uint8_t>* out) {
   MappedFile file;
-  if (!file.Open(path, 0, 0, 0, 0, nullptr, 0) || file.view == nullptr) return false;
+  if (!file.Open(path, MAPPED_READ, /*offset=*/0, MAPPED_WHOLE_FILE, MAPPED_PRIVATE,
+                 /*mappingName=*/nullptr, /*readOnly=*/0) || file.view == nullptr) return false;
   if (file.fileSize < 9) return false;
   const auto* bytes = static_cast<const uint8_t*>(file.view);
   size_t payloadSize = file.fileSize - 8;
