@@ -1,5 +1,6 @@
 #include "G726.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace {
@@ -98,98 +99,109 @@ int32_t Quantize(int32_t d, int32_t y) {
 }
 
 // The standard's adaptation blocks, for four-bit codes.
-void Update(G726State* s, int32_t y, int32_t code, int32_t dq, int32_t sr, int32_t dqsez) {
-  const int32_t scaleMultiplier = SCALE_MULTIPLIER[code] << 5;
-  const int32_t speedWeight = SPEED_WEIGHT[code];
-  const int32_t pk0 = dqsez < 0 ? 1 : 0;
-  const int32_t magnitude = dq & 0x7FFF;
-
-  // Transition detector.
+// Transition detector: a large difference while a tone was detected.
+bool DetectTransition(const G726State* s, int32_t magnitude) {
   const int32_t ylInteger = s->yl >> 15;
   const int32_t ylFraction = (s->yl >> 10) & 0x1F;
   const int32_t threshold1 = (32 + ylFraction) << ylInteger;
   const int32_t threshold2 = ylInteger > 9 ? 31 << 10 : threshold1;
   const int32_t dqThreshold = (threshold2 + (threshold2 >> 1)) >> 1;
-  const bool transition = s->td != 0 && magnitude > dqThreshold;
+  return s->td != 0 && magnitude > dqThreshold;
+}
 
-  // Scale factor adaptation.
-  s->yu = y + ((scaleMultiplier - y) >> 5);
-  if (s->yu < 544)
-    s->yu = 544;
-  else if (s->yu > 5120)
-    s->yu = 5120;
+// Scale factor adaptation: the fast factor, limited, and the slow one after it.
+void AdaptScaleFactor(G726State* s, int32_t y, int32_t code) {
+  const int32_t scaleMultiplier = SCALE_MULTIPLIER[code] << 5;
+  s->yu = std::clamp(y + ((scaleMultiplier - y) >> 5), 544, 5120);
   s->yl += s->yu + ((-s->yl) >> 6);
+}
 
-  // Predictor adaptation.
+// The second pole coefficient, leaked, moved by the signs and limited.
+int32_t NextA2(const G726State* s, int32_t pk0, int32_t dqsez) {
+  int32_t a2 = s->a[1] - (s->a[1] >> 7);
+  if (dqsez == 0) return a2;
+  const int32_t f = pk0 ^ s->pk[0] ? s->a[0] : -s->a[0];
+  if (f < -8191)
+    a2 -= 0x100;
+  else if (f > 8191)
+    a2 += 0xFF;
+  else
+    a2 += f >> 5;
+  if (pk0 ^ s->pk[1]) {
+    if (a2 <= -12160) return -12288;
+    if (a2 >= 12416) return 12288;
+    return a2 - 0x80;
+  }
+  if (a2 <= -12416) return -12288;
+  if (a2 >= 12160) return 12288;
+  return a2 + 0x80;
+}
+
+// Pole predictor adaptation: both coefficients, the first limited by the
+// second. Returns the new second coefficient.
+int32_t UpdatePolePredictor(G726State* s, int32_t pk0, int32_t dqsez) {
+  const int32_t a2 = NextA2(s, pk0, dqsez);
+  s->a[1] = a2;
+  s->a[0] -= s->a[0] >> 8;
+  if (dqsez != 0) s->a[0] += (pk0 ^ s->pk[0]) == 0 ? 192 : -192;
+  const int32_t a1Limit = 15360 - a2;
+  s->a[0] = std::clamp(s->a[0], -a1Limit, a1Limit);
+  return a2;
+}
+
+// Zero predictor adaptation: each coefficient leaks and follows the sign of
+// its difference against the new one.
+void UpdateZeroPredictor(G726State* s, int32_t dq, int32_t magnitude) {
+  for (int i = 0; i < 6; ++i) {
+    s->b[i] -= s->b[i] >> 8;
+    if (magnitude != 0) s->b[i] += (dq ^ s->dq[i]) >= 0 ? 128 : -128;
+  }
+}
+
+// The delay lines: differences, reconstructed signals and signs.
+void ShiftHistory(G726State* s, int32_t dq, int32_t magnitude, int32_t sr, int32_t pk0) {
+  for (int i = 5; i > 0; --i) s->dq[i] = s->dq[i - 1];
+  s->dq[0] = ToFloat(magnitude, dq < 0);
+  s->sr[1] = s->sr[0];
+  s->sr[0] = sr > -32768 ? ToFloat(sr < 0 ? -sr : sr, sr < 0) : NEGATIVE_FLOAT_ZERO;
+  s->pk[1] = s->pk[0];
+  s->pk[0] = pk0;
+}
+
+// Speed control: the short and long averages of the code's weight, and the
+// speed parameter they steer.
+void ControlSpeed(G726State* s, int32_t y, int32_t code, bool transition) {
+  const int32_t speedWeight = SPEED_WEIGHT[code];
+  s->dms += (speedWeight - s->dms) >> 5;
+  s->dml += ((speedWeight << 2) - s->dml) >> 7;
+  if (transition) {
+    s->ap = 256;
+    return;
+  }
+  const int32_t spread = (s->dms << 2) - s->dml;
+  const bool steady = (spread < 0 ? -spread : spread) < (s->dml >> 3);
+  if (y < 1536 || s->td == 1 || !steady)
+    s->ap += (0x200 - s->ap) >> 4;
+  else
+    s->ap += (-s->ap) >> 4;
+}
+
+void Update(G726State* s, int32_t y, int32_t code, int32_t dq, int32_t sr, int32_t dqsez) {
+  const int32_t pk0 = dqsez < 0 ? 1 : 0;
+  const int32_t magnitude = dq & 0x7FFF;
+  const bool transition = DetectTransition(s, magnitude);
+  AdaptScaleFactor(s, y, code);
   int32_t a2 = 0;
   if (transition) {
     for (int32_t& coefficient : s->a) coefficient = 0;
     for (int32_t& coefficient : s->b) coefficient = 0;
   } else {
-    const int32_t signChange = pk0 ^ s->pk[0];
-    a2 = s->a[1] - (s->a[1] >> 7);
-    if (dqsez != 0) {
-      const int32_t f = signChange ? s->a[0] : -s->a[0];
-      if (f < -8191)
-        a2 -= 0x100;
-      else if (f > 8191)
-        a2 += 0xFF;
-      else
-        a2 += f >> 5;
-      if (pk0 ^ s->pk[1]) {
-        if (a2 <= -12160)
-          a2 = -12288;
-        else if (a2 >= 12416)
-          a2 = 12288;
-        else
-          a2 -= 0x80;
-      } else if (a2 <= -12416) {
-        a2 = -12288;
-      } else if (a2 >= 12160) {
-        a2 = 12288;
-      } else {
-        a2 += 0x80;
-      }
-    }
-    s->a[1] = a2;
-    s->a[0] -= s->a[0] >> 8;
-    if (dqsez != 0) s->a[0] += signChange == 0 ? 192 : -192;
-    const int32_t a1Limit = 15360 - a2;
-    if (s->a[0] < -a1Limit)
-      s->a[0] = -a1Limit;
-    else if (s->a[0] > a1Limit)
-      s->a[0] = a1Limit;
-    for (int i = 0; i < 6; ++i) {
-      s->b[i] -= s->b[i] >> 8;
-      if (magnitude != 0) s->b[i] += (dq ^ s->dq[i]) >= 0 ? 128 : -128;
-    }
+    a2 = UpdatePolePredictor(s, pk0, dqsez);
+    UpdateZeroPredictor(s, dq, magnitude);
   }
-
-  for (int i = 5; i > 0; --i) s->dq[i] = s->dq[i - 1];
-  s->dq[0] = ToFloat(magnitude, dq < 0);
-  s->sr[1] = s->sr[0];
-  if (sr > -32768)
-    s->sr[0] = ToFloat(sr < 0 ? -sr : sr, sr < 0);
-  else
-    s->sr[0] = NEGATIVE_FLOAT_ZERO;
-  s->pk[1] = s->pk[0];
-  s->pk[0] = pk0;
-
-  // Tone detector and speed control.
-  s->td = !transition && a2 < -11776 ? 1 : 0;
-  s->dms += (speedWeight - s->dms) >> 5;
-  s->dml += ((speedWeight << 2) - s->dml) >> 7;
-  if (transition)
-    s->ap = 256;
-  else if (y < 1536 || s->td == 1)
-    s->ap += (0x200 - s->ap) >> 4;
-  else {
-    const int32_t spread = (s->dms << 2) - s->dml;
-    if ((spread < 0 ? -spread : spread) >= (s->dml >> 3))
-      s->ap += (0x200 - s->ap) >> 4;
-    else
-      s->ap += (-s->ap) >> 4;
-  }
+  ShiftHistory(s, dq, magnitude, sr, pk0);
+  s->td = !transition && a2 < -11776 ? 1 : 0;  // tone detector
+  ControlSpeed(s, y, code, transition);
 }
 
 struct Estimate {
