@@ -253,6 +253,100 @@ int32_t FindingString(const C* text, const C* pattern, int32_t textLen, int32_t 
   return found;
 }
 
+namespace {
+
+// One run of MatchingString: the pattern walked left to right over the text,
+// noting what each wildcard takes.
+template <class C>
+struct WildcardMatch {
+  const C* text;
+  int32_t textLen;
+  const C* pattern;
+  int32_t patternLen;
+  uint32_t flags;
+  MatchSpan* outSpans;
+  int32_t spans = 0;
+  int32_t p = 0;  // in the pattern
+  int32_t t = 0;  // in the text
+
+  int32_t Run() {
+    while (p < patternLen) {
+      if (pattern[p] == '*') {
+        const int32_t decided = Star();
+        if (decided >= 0) return decided;
+      } else if (!One()) {
+        return 0;
+      }
+    }
+    return 1;
+  }
+
+ private:
+  void Span(int32_t start, int32_t length) {
+    if (outSpans) outSpans[spans] = MatchSpan{start, length};
+    ++spans;
+  }
+  // Segments between stars compare with '?' and '#' as wildcards.
+  uint32_t SegmentFlags() const { return (flags & ~STR_FROM_END) | STR_WILDCARDS; }
+
+  // A run of '*' and the segment after it, taken at its first occurrence.
+  // 1 or 0 when that decides the match, -1 to go on after the segment.
+  int32_t Star() {
+    while (p < patternLen && pattern[p] == '*') ++p;
+    if (p == patternLen) {
+      Span(t, textLen - t);
+      return 1;
+    }
+    int32_t segmentEnd = p;
+    while (segmentEnd < patternLen && pattern[segmentEnd] != '*') ++segmentEnd;
+    const int32_t segmentLen = segmentEnd - p;
+    if (segmentLen > textLen - t) return 0;
+    if (segmentEnd == patternLen) return AnchoredTail(segmentLen);
+    const int32_t found =
+        FindingString(text + t, pattern + p, textLen - t, segmentLen, SegmentFlags(), nullptr, nullptr);
+    if (found < 0) return 0;
+    Span(t, found);
+    t += found + segmentLen;
+    p = segmentEnd;
+    return -1;
+  }
+
+  // The pattern's last segment, after a star: it must end the text.
+  int32_t AnchoredTail(int32_t segmentLen) {
+    const int32_t tail = textLen - segmentLen;
+    for (int32_t k = segmentLen - 1; k >= 0; --k)
+      if (!PatternMatches(pattern[p + k], text[tail + k], SegmentFlags())) return 0;
+    Span(t, tail - t);
+    for (int32_t k = 0; k < segmentLen; ++k)
+      if (pattern[p + k] == '?' || IsHashWildcard(pattern[p + k], flags)) Span(tail + k, 1);
+    return 1;
+  }
+
+  // One pattern character outside a star's segment; the last one must also
+  // end the text.
+  bool One() {
+    const C c = pattern[p];
+    const C at = t < textLen ? text[t] : C(0);
+    bool wildcard = false;
+    if (c == '?') {
+      if (t >= textLen) return false;
+      wildcard = true;
+    } else if (IsHashWildcard(c, flags)) {
+      if (at != '#' && !IsDigit(at)) return false;
+      wildcard = true;
+    } else if (!LiteralEqual(c, at, flags)) {
+      return false;
+    }
+    if (p == patternLen - 1 && textLen - t > 1) return false;
+    if (wildcard) Span(t, 1);
+    ++p;
+    ++t;
+    return true;
+  }
+};
+
+}  // namespace
+
 template <class C>
 int32_t MatchingString(const C* text, const C* pattern, uint32_t flags, int32_t textLen,
                        MatchSpan* outSpans, int32_t* outSpanCount) {
@@ -264,66 +358,10 @@ int32_t MatchingString(const C* text, const C* pattern, uint32_t flags, int32_t 
   if (textLen < 0) return 0;
   const int32_t patternLen = Length(pattern);
   if (patternLen == 0) return textLen == 0;
-
-  const uint32_t segmentFlags = (flags & ~STR_FROM_END) | STR_WILDCARDS;
-  int32_t spans = 0;
-  auto span = [&](int32_t start, int32_t length) {
-    if (outSpans) outSpans[spans] = MatchSpan{start, length};
-    ++spans;
-  };
-  auto finish = [&](int32_t result) {
-    if (outSpanCount) *outSpanCount = spans;
-    return result;
-  };
-
-  int32_t p = 0;
-  int32_t t = 0;
-  while (p < patternLen) {
-    const C c = pattern[p];
-    if (c == '*') {
-      while (p < patternLen && pattern[p] == '*') ++p;
-      if (p == patternLen) {
-        span(t, textLen - t);
-        return finish(1);
-      }
-      int32_t segmentEnd = p;
-      while (segmentEnd < patternLen && pattern[segmentEnd] != '*') ++segmentEnd;
-      const int32_t segmentLen = segmentEnd - p;
-      if (segmentLen > textLen - t) return finish(0);
-      if (segmentEnd == patternLen) {  // anchored at the end of the text
-        const int32_t tail = textLen - segmentLen;
-        for (int32_t k = segmentLen - 1; k >= 0; --k)
-          if (!PatternMatches(pattern[p + k], text[tail + k], segmentFlags)) return finish(0);
-        span(t, tail - t);
-        for (int32_t k = 0; k < segmentLen; ++k)
-          if (pattern[p + k] == '?' || IsHashWildcard(pattern[p + k], flags)) span(tail + k, 1);
-        return finish(1);
-      }
-      const int32_t found =
-          FindingString(text + t, pattern + p, textLen - t, segmentLen, segmentFlags, nullptr, nullptr);
-      if (found < 0) return finish(0);
-      span(t, found);
-      t += found + segmentLen;
-      p = segmentEnd;
-      continue;
-    }
-    const C at = t < textLen ? text[t] : C(0);
-    bool wildcard = false;
-    if (c == '?') {
-      if (t >= textLen) return finish(0);
-      wildcard = true;
-    } else if (IsHashWildcard(c, flags)) {
-      if (at != '#' && !IsDigit(at)) return finish(0);
-      wildcard = true;
-    } else if (!LiteralEqual(c, at, flags)) {
-      return finish(0);
-    }
-    if (p == patternLen - 1 && textLen - t > 1) return finish(0);
-    if (wildcard) span(t, 1);
-    ++p;
-    ++t;
-  }
-  return finish(1);
+  WildcardMatch<C> match{text, textLen, pattern, patternLen, flags, outSpans};
+  const int32_t result = match.Run();
+  if (outSpanCount) *outSpanCount = match.spans;
+  return result;
 }
 
 template <class C>
