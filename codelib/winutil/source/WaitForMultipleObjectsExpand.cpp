@@ -94,6 +94,17 @@ void InsertSorted(int32_t* out, int32_t* count, int32_t index) {
   ++*count;
 }
 
+// Up to 64 objects: the platform's own wait.
+int32_t WaitDirect(const HANDLE* handles, int32_t n, uint32_t timeoutMs, int32_t* outIndices,
+                   int32_t* outCount, int32_t waitAll) {
+  const uint32_t r = WaitForMultipleObjects(static_cast<uint32_t>(n), handles, waitAll, timeoutMs);
+  if (r < static_cast<uint32_t>(n)) {
+    if (!waitAll) outIndices[(*outCount)++] = static_cast<int32_t>(r);
+    return WAIT_SET_SATISFIED;
+  }
+  return r == WAIT_TIMEOUT ? WAIT_SET_TIMEOUT : WAIT_SET_FAILED;
+}
+
 }  // namespace
 
 WaitHandleSet::WaitHandleSet() {
@@ -125,35 +136,38 @@ int32_t WaitHandleSet::WaitForMultipleObjectsExpand(const HANDLE* handles, int32
   } else if (timeoutMs != INFINITE) {
     return WAIT_SET_FAILED;  // all of many objects can only be awaited without limit
   }
-
-  if (n <= static_cast<int32_t>(MAXIMUM_WAIT_OBJECTS)) {
-    const uint32_t r = WaitForMultipleObjects(static_cast<uint32_t>(n), handles, waitAll, timeoutMs);
-    if (r < static_cast<uint32_t>(n)) {
-      if (!waitAll) outIndices[(*outCount)++] = static_cast<int32_t>(r);
-      return WAIT_SET_SATISFIED;
-    }
-    return r == WAIT_TIMEOUT ? WAIT_SET_TIMEOUT : WAIT_SET_FAILED;
-  }
+  if (n <= static_cast<int32_t>(MAXIMUM_WAIT_OBJECTS))
+    return WaitDirect(handles, n, timeoutMs, outIndices, outCount, waitAll);
   if (n > WAIT_SET_MAX_HANDLES) return WAIT_SET_FAILED;
 
   const int32_t k = HelperCount(n);
-  const int32_t direct = 64 - k;
-  if (rebuilt) memcpy(mainHandles_ + k, handles, static_cast<size_t>(direct) * sizeof(HANDLE));
-
+  if (rebuilt) memcpy(mainHandles_ + k, handles, static_cast<size_t>(64 - k) * sizeof(HANDLE));
   HANDLE doneEvents[WAIT_SET_MAX_HELPERS];
+  const int32_t armed = ArmHelpers(handles, n, rebuilt, waitAll, doneEvents);
+  if (armed < 0) return WAIT_SET_FAILED;
+
+  const uint32_t r = WaitForMultipleObjects(64, mainHandles_, waitAll, timeoutMs);
+  if (waitAll) {
+    if (r >= 64) return r == WAIT_TIMEOUT ? WAIT_SET_TIMEOUT : WAIT_SET_FAILED;
+    // Every helper has its result; let each finish its turn so that the set can
+    // be given new handles at once.
+    WaitForMultipleObjects(static_cast<uint32_t>(armed), doneEvents, 1, INFINITE);
+    return WAIT_SET_SATISFIED;
+  }
+  return CollectAny(r, k, armed, doneEvents, outIndices, outCount);
+}
+
+int32_t WaitHandleSet::ArmHelpers(const HANDLE* handles, int32_t n, int32_t rebuilt,
+                                  int32_t waitAll, HANDLE* doneEvents) {
   int32_t armed = 0;
-  for (int32_t first = direct; first < n; first += kGroupSize, ++armed) {
+  for (int32_t first = 64 - HelperCount(n); first < n; first += kGroupSize, ++armed) {
     Slot& s = slots_[armed];
     if (!s.started) {
       s.started = 1;
       if (!StartHelper(&s.helper)) {
         s.started = 0;
-        // Call off the helpers armed so far, so that none is left waiting on
-        // the caller's handles.
-        for (int32_t i = 0; i < armed; ++i) SetEvent(slots_[i].helper.cancelEvent);
-        if (armed > 0) WaitForMultipleObjects(static_cast<uint32_t>(armed), doneEvents, 1, INFINITE);
-        for (int32_t i = 0; i < armed; ++i) WaitForSingleObject(slots_[i].helper.resultEvent, 0);
-        return WAIT_SET_FAILED;
+        CallOff(armed, doneEvents);
+        return -1;
       }
     }
     WaitHelper& h = s.helper;
@@ -170,16 +184,19 @@ int32_t WaitHandleSet::WaitForMultipleObjectsExpand(const HANDLE* handles, int32
     SetEvent(h.goEvent);
     doneEvents[armed] = h.doneEvent;
   }
+  return armed;
+}
 
-  const uint32_t r = WaitForMultipleObjects(64, mainHandles_, waitAll, timeoutMs);
-  if (waitAll) {
-    if (r >= 64) return r == WAIT_TIMEOUT ? WAIT_SET_TIMEOUT : WAIT_SET_FAILED;
-    // Every helper has its result; let each finish its turn so that the set can
-    // be given new handles at once.
-    WaitForMultipleObjects(static_cast<uint32_t>(armed), doneEvents, 1, INFINITE);
-    return WAIT_SET_SATISFIED;
-  }
+void WaitHandleSet::CallOff(int32_t armed, const HANDLE* doneEvents) {
+  // No helper may be left waiting on the caller's handles, nor a result set
+  // for the next call.
+  for (int32_t i = 0; i < armed; ++i) SetEvent(slots_[i].helper.cancelEvent);
+  if (armed > 0) WaitForMultipleObjects(static_cast<uint32_t>(armed), doneEvents, 1, INFINITE);
+  for (int32_t i = 0; i < armed; ++i) WaitForSingleObject(slots_[i].helper.resultEvent, 0);
+}
 
+int32_t WaitHandleSet::CollectAny(uint32_t r, int32_t k, int32_t armed, const HANDLE* doneEvents,
+                                  int32_t* outIndices, int32_t* outCount) {
   if (r >= static_cast<uint32_t>(k) && r < 64) outIndices[(*outCount)++] = static_cast<int32_t>(r) - k;
   for (int32_t i = 0; i < armed; ++i)
     if (static_cast<uint32_t>(i) != r) SetEvent(slots_[i].helper.cancelEvent);

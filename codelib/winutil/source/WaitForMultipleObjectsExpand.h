@@ -84,6 +84,17 @@ class WaitHandleSet {
     int32_t started;
     WaitHelper helper;
   };
+  // Above 64 objects, the steps of the wait: start (on first need) and arm
+  // one helper per group of the handles past the direct ones; the number
+  // armed, or -1 when a helper cannot be started (those armed are called off).
+  int32_t ArmHelpers(const HANDLE* handles, int32_t n, int32_t rebuilt, int32_t waitAll,
+                     HANDLE* doneEvents);
+  // Cancels the first `armed` helpers and waits until each has finished.
+  void CallOff(int32_t armed, const HANDLE* doneEvents);
+  // After the caller's wait ended with `r` (without waitAll): the direct hit
+  // and every helper's result, ascending, once no helper waits any more.
+  int32_t CollectAny(uint32_t r, int32_t k, int32_t armed, const HANDLE* doneEvents,
+                     int32_t* outIndices, int32_t* outCount);
   Slot slots_[WAIT_SET_MAX_HELPERS];
   HANDLE mainHandles_[64];
 };
