@@ -8,25 +8,18 @@
 #include "Diagnostics.h"
 #include "OSTime.h"
 
-namespace {
-
-struct Captured {
-  std::vector<std::string> reports;
-  int32_t answer = IDIGNORE;
-};
-
-int32_t CaptureReport(const char* report, void* context) {
-  auto* captured = static_cast<Captured*>(context);
-  captured->reports.emplace_back(report);
-  errno = EBADF;  // a handler may clobber the last error; the caller's must survive
-  return captured->answer;
-}
-
 class DiagnosticsTest : public ::testing::Test {
  protected:
-  void SetUp() override { SetAssertHandler(CaptureReport, &captured_); }
+  static int32_t Capture(const char* report, void* context) {
+    auto* self = static_cast<DiagnosticsTest*>(context);
+    self->reports_.emplace_back(report);
+    errno = EBADF;  // a handler may clobber the last error; the caller's must survive
+    return self->answer_;
+  }
+  void SetUp() override { SetAssertHandler(Capture, this); }
   void TearDown() override { SetAssertHandler(nullptr, nullptr); }
-  Captured captured_;
+  std::vector<std::string> reports_;
+  int32_t answer_ = IDIGNORE;
 };
 
 std::string Shorten(const std::string& path) {
@@ -36,139 +29,88 @@ std::string Shorten(const std::string& path) {
 }
 
 TEST(ShortenPathForReport, KeepsShortPathsAndCutsLongOnesAtASeparator) {
-  const std::string path54 = "/" + std::string(53, 'a');
-  const std::string path55 = "/" + std::string(54, 'a');
-  EXPECT_EQ(Shorten(path54), path54);
-  EXPECT_EQ(Shorten(path55), "..." + path55.substr(55 - 40));
-
-  // A separator at the 45th last character: the path is kept from there.
-  std::string withSlash = std::string(20, 'x') + "\\" + std::string(44, 'y');
-  ASSERT_EQ(withSlash.size(), 65u);
-  EXPECT_EQ(Shorten(withSlash), "...\\" + std::string(44, 'y'));
-  // The first of two separators among the ten wins; '/' counts like '\'.
-  std::string twoSlashes = std::string(15, 'x') + "/" + std::string(3, 'y') + "/" +
-                           std::string(45, 'z');
-  ASSERT_EQ(twoSlashes.size(), 65u);
-  EXPECT_EQ(Shorten(twoSlashes), "..." + twoSlashes.substr(15));
-  // A separator just outside the ten (the 51st last) is not looked at.
-  std::string outside = std::string(14, 'x') + "/" + std::string(50, 'z');
-  EXPECT_EQ(Shorten(outside), "..." + outside.substr(outside.size() - 40));
+  const std::string a53(53, 'a'), y44(44, 'y'), z50(50, 'z');
+  const std::pair<std::string, std::string> cases[] = {
+      {"/" + a53, "/" + a53},                                     // 54 characters: kept
+      {"/a" + a53, "..." + a53.substr(13)},                       // 55: the last 40
+      {std::string(20, 'x') + "\\" + y44, "...\\" + y44},         // a separator 45th last
+      {std::string(15, 'x') + "/yyy/" + z50.substr(5), ".../yyy/" + z50.substr(5)},  // the first of two
+      {std::string(14, 'x') + "/" + z50, "..." + z50.substr(10)},  // 51st last: not looked at
+  };
+  for (const auto& [path, expected] : cases) EXPECT_EQ(Shorten(path), expected) << path;
 }
 
-std::string ExpectedReport(const std::string& title, const std::string& file, int line,
-                           const std::string& expression) {
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  exe[n > 0 ? n : 0] = '\0';
-  const uint32_t tid = GetCurrentThreadId();
-  char text[2048];
-  snprintf(text, sizeof text,
-           "Debug Assertion Failed%s!\n\nPID: %d, TID: %d(0x%08X)\nProgram: \"%s", title.c_str(),
-           static_cast<int>(getpid()), static_cast<int>(tid), tid, Shorten(exe).c_str());
-  std::string head = text;
-  snprintf(text, sizeof text, "\n\nFile: \"%s(%d)\"\nExpression: (%s)\n\n(Press Retry to debug the application)",
-           Shorten(file).c_str(), line, expression.c_str());
-  return head + "\x01" + text;  // \x01 marks where the argument line and module go
-}
-
-void ExpectReport(const std::string& report, const std::string& expected) {
-  size_t split = expected.find('\x01');
-  std::string head = expected.substr(0, split);
-  std::string tail = expected.substr(split + 1);
-  ASSERT_GE(report.size(), head.size() + tail.size());
-  EXPECT_EQ(report.substr(0, head.size()), head);
-  EXPECT_EQ(report.substr(report.size() - tail.size()), tail);
-  std::string middle = report.substr(head.size(), report.size() - head.size() - tail.size());
-  // The argument line, then the module, which is the test program itself.
-  EXPECT_NE(middle.find("\"\nModule: \""), std::string::npos) << middle;
-  EXPECT_NE(middle.find(Shorten(GetSelfModulePath())), std::string::npos) << middle;
-}
-
-TEST_F(DiagnosticsTest, ReportTextCarriesTitleProgramModuleFileAndExpression) {
+TEST_F(DiagnosticsTest, ReportNamesTitleProgramModuleFileAndExpression) {
   EXPECT_EQ(ReportAssertion("codelib/brisk/source/VBufferQueue", 2055, "false", "%s", "text"), 0);
-  ASSERT_EQ(captured_.reports.size(), 1u);
-  ExpectReport(captured_.reports[0],
-               ExpectedReport("(text)", "codelib/brisk/source/VBufferQueue", 2055, "false"));
-}
-
-TEST_F(DiagnosticsTest, NullOrEmptyFormatLeavesTheTitleBare) {
   ReportAssertion("a.cpp", 1, "x > 0", nullptr);
   ReportAssertion("a.cpp", 2, "x > 0", "");
-  ASSERT_EQ(captured_.reports.size(), 2u);
-  for (const std::string& r : captured_.reports)
-    EXPECT_EQ(r.rfind("Debug Assertion Failed!\n\nPID: ", 0), 0u) << r;
-}
-
-TEST_F(DiagnosticsTest, ArgumentsAreFormattedIntoTheTitle) {
   ReportAssertion("f", 3, "false", "reader 太多，超过MAX_READER_COUNT=%d个了", 256);
-  ASSERT_EQ(captured_.reports.size(), 1u);
-  EXPECT_EQ(captured_.reports[0].rfind("Debug Assertion Failed(reader 太多，超过MAX_READER_COUNT=256个了)!", 0), 0u);
+  ASSERT_EQ(reports_.size(), 4u);
+  const std::string pid =
+      "!\n\nPID: " + std::to_string(getpid()) + ", TID: " + std::to_string(GetCurrentThreadId());
+  EXPECT_EQ(reports_[0].rfind("Debug Assertion Failed(text)" + pid + "(0x", 0), 0u) << reports_[0];
+  EXPECT_EQ(reports_[1].rfind("Debug Assertion Failed" + pid, 0), 0u);  // no format: a bare title
+  EXPECT_EQ(reports_[2].rfind("Debug Assertion Failed" + pid, 0), 0u);
+  EXPECT_EQ(reports_[3].rfind("Debug Assertion Failed(reader 太多，超过MAX_READER_COUNT=256个了)!", 0),
+            0u);
+  // The program is this test with its arguments; the engine is linked in, so
+  // the module is the same file.
+  char exe[4096];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  ASSERT_GT(n, 0);
+  exe[n] = '\0';
+  EXPECT_STREQ(GetSelfModulePath(), exe);
+  std::string expected = ")\nProgram: \"" + Shorten(exe);
+  const std::vector<std::string> argv = ::testing::internal::GetArgvs();
+  for (size_t i = 1; i < argv.size(); ++i) expected += " " + argv[i];
+  expected += "\"\nModule: \"" + Shorten(exe) +
+              "\"\n\nFile: \"codelib/brisk/source/VBufferQueue(2055)\"\nExpression: (false)\n\n"
+              "(Press Retry to debug the application)";
+  EXPECT_EQ(reports_[0].substr(reports_[0].find(")\nProgram: ")), expected);
 }
 
-TEST_F(DiagnosticsTest, RetryAsksForABreakAndIgnoreDoesNotAndTheLastErrorSurvives) {
+TEST_F(DiagnosticsTest, AnswerDecidesTheResultAndTheLastErrorSurvives) {
   errno = ENOENT;
-  captured_.answer = IDRETRY;
+  answer_ = IDRETRY;
   EXPECT_EQ(ReportAssertion("f", 1, "e", nullptr), 1);
   EXPECT_EQ(errno, ENOENT);
-  captured_.answer = IDIGNORE;
+  answer_ = IDIGNORE;
   EXPECT_EQ(ReportAssertion("f", 1, "e", nullptr), 0);
   EXPECT_EQ(errno, ENOENT);
-  // With no debugger attached a break does nothing.
-  BreakIntoDebugger();
-}
-
-TEST_F(DiagnosticsTest, AssertMacroReportsOnlyWhenTheConditionFails) {
-  int validCount = 1;
-  BRISK_ASSERT_AT("codelib/brisk/source/VBufferQueue", 2560, validCount > 0, nullptr);
-  EXPECT_TRUE(captured_.reports.empty());
-  validCount = 0;
-  BRISK_ASSERT_AT("codelib/brisk/source/VBufferQueue", 2560, validCount > 0, nullptr);
-  ASSERT_EQ(captured_.reports.size(), 1u);
-  EXPECT_NE(captured_.reports[0].find("Expression: (validCount > 0)"), std::string::npos);
+  BreakIntoDebugger();  // with no debugger attached it does nothing
+  for (int validCount : {1, 0})
+    BRISK_ASSERT_AT("codelib/brisk/source/VBufferQueue", 2560, validCount > 0, nullptr);
+  ASSERT_EQ(reports_.size(), 3u);
+  EXPECT_NE(reports_[2].find("Expression: (validCount > 0)"), std::string::npos);
 }
 
 TEST(DiagnosticsDeathTest, AbortEndsTheProcessWithExitCode255) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        SetAssertHandler([](const char*, void*) -> int32_t { return IDABORT; }, nullptr);
-        ReportAssertion("f", 1, "false", nullptr);
-      },
-      ::testing::ExitedWithCode(255), "");
+  auto abort = [] {
+    SetAssertHandler([](const char*, void*) -> int32_t { return IDABORT; }, nullptr);
+    ReportAssertion("f", 1, "false", nullptr);
+  };
+  EXPECT_EXIT(abort(), ::testing::ExitedWithCode(255), "");
 }
 
-TEST(DiagnosticsDefault, DefaultHandlerWritesToStderrAndIgnores) {
+TEST(DiagnosticsDefault, HandlerWritesToStderrAndIgnoresAndSinkTakesLinesExactly) {
   SetAssertHandler(nullptr, nullptr);
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(ReportAssertion("file.cpp", 12, "cond", "%s", "why"), 0);
   std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_NE(err.find("Debug Assertion Failed(why)!"), std::string::npos);
   EXPECT_NE(err.find("File: \"file.cpp(12)\""), std::string::npos);
-}
 
-TEST(DebugSink, LinesReachTheSinkExactlyAndNullRestoresTheDefault) {
   std::vector<std::string> lines;
-  SetDebugSink([](const char* line, void* c) { static_cast<std::vector<std::string>*>(c)->push_back(line); },
-               &lines);
+  auto sink = [](const char* line, void* c) { static_cast<std::vector<std::string>*>(c)->push_back(line); };
+  SetDebugSink(sink, &lines);
   OutputDebugStringA("TQF resync.\n");
   DebugPrint("CEventThread::Close(), %s\n", "x");
-  std::string big(5000, 'z');
-  DebugPrint("%s", big.c_str());
-  SetDebugSink(nullptr, nullptr);
+  DebugPrint("%s", std::string(5000, 'z').c_str());
+  SetDebugSink(nullptr, nullptr);  // back to the default
   OutputDebugStringA("not captured\n");
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[0], "TQF resync.\n");
   EXPECT_EQ(lines[1], "CEventThread::Close(), x\n");
   EXPECT_EQ(lines[2].size(), 2047u);  // DebugPrint formats into 2048 bytes
 }
-
-TEST(SelfModulePath, NamesTheModuleThatHoldsTheCode) {
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  ASSERT_GT(n, 0);
-  exe[n] = '\0';
-  // The engine is linked into this test program.
-  EXPECT_STREQ(GetSelfModulePath(), exe);
-}
-
-}  // namespace

@@ -10,15 +10,10 @@
 #include "AVSDecoder.h"
 #include "FaultGuard.h"
 
-namespace {
-
-volatile uint8_t* FaultingPage() {
-  static void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return static_cast<volatile uint8_t*>(page);
-}
-
 TEST(FaultGuardRace, ThreadsFaultAtTheSameTimeEachInItsOwnGuard) {
   constexpr int THREADS = 4, ROUNDS = 2000;
+  static auto* page = static_cast<volatile uint8_t*>(
+      mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   std::atomic<int> ready{0};
   std::vector<int> caught(THREADS, 0), completed(THREADS, 0);
   std::vector<std::thread> threads;
@@ -30,16 +25,12 @@ TEST(FaultGuardRace, ThreadsFaultAtTheSameTimeEachInItsOwnGuard) {
         int progress = 0;
         auto body = [&] {
           progress = 1;
-          if ((i + t) % 2 == 0) (void)FaultingPage()[i % 4096];
+          if ((i + t) % 2 == 0) (void)page[i % 4096];
           progress = 2;
         };
-        if (RunGuarded(body)) {
-          ++completed[t];
-          EXPECT_EQ(progress, 2);
-        } else {
-          ++caught[t];
-          EXPECT_EQ(progress, 1);
-        }
+        const bool finished = RunGuarded(body);
+        ++(finished ? completed : caught)[t];
+        EXPECT_EQ(progress, finished ? 2 : 1);
       }
     });
   for (auto& thread : threads) thread.join();
@@ -58,6 +49,7 @@ TEST(FaultGuardRace, DecodersOnSeveralThreadsSurviveTheirLibrarysFaults) {
       AVSDecoder decoder("avsprobe.dll");
       if (!decoder.Open(16, 16)) return;
       for (int i = 0; i < FRAMES; ++i) {
+        // The probe library faults on a 0xFF byte and echoes any other.
         const uint8_t value = i % 3 == 0 ? 0xFF : uint8_t(t + 1);
         uint8_t* picture = decoder.Decode(&value, 1, nullptr);
         if (picture == nullptr)
@@ -72,5 +64,3 @@ TEST(FaultGuardRace, DecodersOnSeveralThreadsSurviveTheirLibrarysFaults) {
     EXPECT_EQ(pictures[t], FRAMES - FRAMES / 3) << "thread " << t;
   }
 }
-
-}  // namespace

@@ -1,149 +1,90 @@
+// Paths and the checked save are not run by the players: one contract test.
 #include "Paths.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "PerformanceSite.h"
 #include "TempFolder.h"
 
-namespace {
+using Bytes = std::vector<uint8_t>;
 
-class PathsTest : public ::testing::Test {
- protected:
-  std::string Make(const std::string& name, const std::vector<uint8_t>& bytes) {
-    std::string path = folder_.File(name);
-    EXPECT_TRUE(WriteWholeFile(path, bytes));
-    return path;
-  }
-  TempFolder folder_;
-};
-
-TEST_F(PathsTest, ExistenceTests) {
-  std::string file = Make("file", {1});
-  std::string link = folder_.File("link");
-  ASSERT_EQ(symlink(folder_.path().c_str(), link.c_str()), 0);
-  struct Case {
+TEST(Paths, Contract) {
+  TempFolder folder;
+  const std::string file = folder.File("file"), link = folder.File("link"), to = folder.File("to");
+  ASSERT_TRUE(WriteWholeFile(file, {1, 2}));
+  ASSERT_EQ(symlink(folder.path().c_str(), link.c_str()), 0);
+  const struct {
     const char* path;
     int32_t isFile, isDir;
-  };
-  const Case cases[] = {
-      {file.c_str(), 1, 0},
-      {folder_.path().c_str(), 0, 1},
-      {link.c_str(), 0, 1},
-      {"/no/such/path", 0, 0},
-      {"", 0, 0},
-      {nullptr, 0, 0},
-      {reinterpret_cast<const char*>(16), 0, 0},  // unreadable memory
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(IsFileExist(c.path), c.isFile) << (c.path ? c.path : "null");
-    EXPECT_EQ(IsDirExist(c.path), c.isDir) << (c.path ? c.path : "null");
-  }
-  EXPECT_NE(FindPerformanceSite("IsFileExist()", "codelib"), nullptr);
-  EXPECT_NE(FindPerformanceSite("IsDirExist()", "codelib"), nullptr);
-}
+  } exists[] = {{file.c_str(), 1, 0}, {link.c_str(), 0, 1}, {"/no/such", 0, 0}, {"", 0, 0},
+                {nullptr, 0, 0},      {reinterpret_cast<const char*>(16), 0, 0}};  // unreadable
+  for (const auto& c : exists)
+    EXPECT_EQ(std::make_pair(IsFileExist(c.path), IsDirExist(c.path)), std::make_pair(c.isFile, c.isDir))
+        << "row " << &c - exists;
 
-TEST_F(PathsTest, MoveFileIfExistNeverReplaces) {
-  std::string from = Make("from", {1, 2});
-  std::string taken = Make("taken", {3});
-  std::string to = folder_.File("to");
-  EXPECT_EQ(MoveFileIfExist(from.c_str(), taken.c_str()), 0);
-  EXPECT_EQ(ReadWholeFile(taken), std::vector<uint8_t>{3});
-  EXPECT_EQ(MoveFileIfExist(from.c_str(), to.c_str()), 1);
-  EXPECT_EQ(IsFileExist(from.c_str()), 0);
-  EXPECT_EQ(ReadWholeFile(to), (std::vector<uint8_t>{1, 2}));
-  EXPECT_EQ(MoveFileIfExist(from.c_str(), to.c_str()), 0);
-  EXPECT_EQ(MoveFileIfExist(folder_.path().c_str(), folder_.File("dir2").c_str()), 0);
-}
+  // Moves never replace. A blank file keeps its bytes and grows with zeros.
+  ASSERT_TRUE(WriteWholeFile(to, {3, 4}));
+  EXPECT_EQ(MoveFileIfExist(file.c_str(), to.c_str()), 0);
+  EXPECT_EQ(CreateBlankFile(to.c_str(), 10, 0), 0);
+  EXPECT_EQ(ReadWholeFile(to), (Bytes{3, 4}));
+  EXPECT_EQ(CreateBlankFile(to.c_str(), 1, 1), 1);
+  EXPECT_EQ(CreateBlankFile(to.c_str(), 3, 1), 1);
+  EXPECT_EQ(ReadWholeFile(to), (Bytes{3, 0, 0}));
+  ASSERT_EQ(unlink(to.c_str()), 0);
+  EXPECT_EQ(MoveFileIfExist(file.c_str(), to.c_str()), 1);
+  EXPECT_EQ(ReadWholeFile(to), (Bytes{1, 2}));
+  EXPECT_EQ(IsFileExist(file.c_str()), 0);
 
-TEST_F(PathsTest, CreateBlankFileSizesAndRespectsOverwrite) {
-  std::string path = folder_.File("blank");
-  EXPECT_EQ(CreateBlankFile(path.c_str(), 5000, 0), 1);
-  EXPECT_EQ(ReadWholeFile(path), std::vector<uint8_t>(5000, 0));
-  ASSERT_TRUE(WriteWholeFile(path, {7, 7, 7}));
-  EXPECT_EQ(CreateBlankFile(path.c_str(), 10, 0), 0);
-  EXPECT_EQ(ReadWholeFile(path), (std::vector<uint8_t>{7, 7, 7}));
-  EXPECT_EQ(CreateBlankFile(path.c_str(), 2, 1), 1);
-  EXPECT_EQ(ReadWholeFile(path), (std::vector<uint8_t>{7, 7}));
-  EXPECT_EQ(CreateBlankFile(folder_.File("no/dir").c_str(), 1, 1), 0);
-  EXPECT_EQ(CreateBlankFile(nullptr, 1, 1), 0);
-}
-
-TEST_F(PathsTest, CheckedSaveWritesPayloadAndSum) {
-  std::string path = folder_.File("saved");
-  std::vector<uint8_t> payload = {0xFF, 0xFF, 1, 2};
-  ASSERT_EQ(IntegralitySave(payload.data(), 4, path.c_str()), 1);
-  std::vector<uint8_t> expected = payload;
-  uint64_t sum = 0xFF + 0xFF + 1 + 2;
-  for (int i = 0; i < 8; ++i) expected.push_back(static_cast<uint8_t>(sum >> (8 * i)));
-  EXPECT_EQ(ReadWholeFile(path), expected);
-  EXPECT_EQ(IsFileExist((path + ".tmp").c_str()), 0);
-  EXPECT_EQ(IsFileExist((path + ".bak").c_str()), 0);
-
-  std::vector<uint8_t> loaded = {42};
-  ASSERT_EQ(IntegralityLoad(loaded, path.c_str()), 1);
-  EXPECT_EQ(loaded, payload);
-  EXPECT_NE(FindPerformanceSite("IntegralitySave()", "codelib"), nullptr);
-}
-
-TEST_F(PathsTest, DamagedFileLoadsFromBackup) {
-  std::string path = folder_.File("state");
-  std::vector<uint8_t> first(1000, 3), second(500, 9);
-  ASSERT_EQ(IntegralitySave(first.data(), 1000, path.c_str()), 1);
-  ASSERT_EQ(IntegralitySave(second.data(), 500, path.c_str()), 1);
-  EXPECT_EQ(ReadWholeFile(path + ".bak").size(), 1008u);
-
-  std::vector<uint8_t> bytes = ReadWholeFile(path);
-  bytes[100] ^= 0x01;
-  ASSERT_TRUE(WriteWholeFile(path, bytes));
-  std::vector<uint8_t> loaded;
-  ASSERT_EQ(IntegralityLoad(loaded, path.c_str()), 1);
+  // The checked save: payload, then the little-endian 64-bit byte sum; the
+  // version it replaces becomes ".bak" and no ".tmp" is left.
+  const std::string state = folder.File("state"), bak = state + ".bak";
+  const Bytes first = {0xFF, 0xFF, 1, 2}, second(500, 9);
+  ASSERT_EQ(IntegralitySave(first.data(), 4, state.c_str()), 1);
+  EXPECT_EQ(ReadWholeFile(state), (Bytes{0xFF, 0xFF, 1, 2, 1, 2, 0, 0, 0, 0, 0, 0}));  // sum 0x201
+  ASSERT_EQ(IntegralitySave(second.data(), 500, state.c_str()), 1);
+  EXPECT_EQ(IsFileExist((state + ".tmp").c_str()), 0);
+  Bytes loaded = {42};
+  ASSERT_EQ(IntegralityLoad(loaded, state.c_str()), 1);
+  EXPECT_EQ(loaded, second);
+  // One flipped bit: the backup takes the main name and is loaded.
+  Bytes damaged = ReadWholeFile(state);
+  damaged[100] ^= 1;
+  ASSERT_TRUE(WriteWholeFile(state, damaged));
+  ASSERT_EQ(IntegralityLoad(loaded, state.c_str()), 1);
   EXPECT_EQ(loaded, first);
-  EXPECT_EQ(ReadWholeFile(path).size(), 1008u);  // the backup took the main name
-  EXPECT_EQ(IsFileExist((path + ".bak").c_str()), 0);
-}
+  EXPECT_EQ(ReadWholeFile(state).size(), 12u);
+  EXPECT_EQ(IsFileExist(bak.c_str()), 0);
+  // A crash before the final move: only ".bak" and a stray ".tmp" are there.
+  ASSERT_EQ(rename(state.c_str(), bak.c_str()), 0);
+  ASSERT_TRUE(WriteWholeFile(state + ".tmp", {1, 2, 3}));
+  loaded.clear();
+  ASSERT_EQ(IntegralityLoad(loaded, state.c_str()), 1);
+  EXPECT_EQ(loaded, first);
 
-TEST_F(PathsTest, CrashBeforeTheFinalMoveLeavesTheBackup) {
-  // Steps done up to moving the old file to ".bak"; the ".tmp" never moved.
-  std::string path = folder_.File("state");
-  std::vector<uint8_t> old(10, 1);
-  ASSERT_EQ(IntegralitySave(old.data(), 10, path.c_str()), 1);
-  ASSERT_EQ(rename(path.c_str(), (path + ".bak").c_str()), 0);
-  Make("state.tmp", {1, 2, 3});
-  std::vector<uint8_t> loaded;
-  ASSERT_EQ(IntegralityLoad(loaded, path.c_str()), 1);
-  EXPECT_EQ(loaded, old);
-}
+  // An empty payload saves but never loads. Each refusal is a 0 and leaves
+  // `out` alone.
+  const std::string small = folder.File("small"), never = folder.File("never"), noDir = folder.File("no/dir");
+  ASSERT_EQ(IntegralitySave(nullptr, 0, small.c_str()), 1);
+  EXPECT_EQ(ReadWholeFile(small).size(), 8u);
+  loaded = {5};
+  const int32_t refusals[] = {
+      MoveFileIfExist(folder.path().c_str(), never.c_str()), CreateBlankFile(noDir.c_str(), 1, 1),
+      CreateBlankFile(nullptr, 1, 1), YCRemoveFileOrDir(never.c_str()), IntegralityLoad(loaded, nullptr),
+      IntegralitySave(first.data(), 1, noDir.c_str()), IntegralitySave(nullptr, 4, small.c_str()),
+      IntegralityLoad(loaded, small.c_str()), IntegralityLoad(loaded, never.c_str())};
+  EXPECT_EQ(std::vector<int32_t>(std::begin(refusals), std::end(refusals)), std::vector<int32_t>(9, 0));
+  EXPECT_EQ(loaded, Bytes{5});
 
-TEST_F(PathsTest, InvalidCheckedFilesAreRefused) {
-  std::string path = folder_.File("small");
-  ASSERT_EQ(IntegralitySave(nullptr, 0, path.c_str()), 1);
-  EXPECT_EQ(ReadWholeFile(path).size(), 8u);
-  std::vector<uint8_t> loaded = {5};
-  EXPECT_EQ(IntegralityLoad(loaded, path.c_str()), 0);  // needs at least one byte
-  EXPECT_EQ(loaded, std::vector<uint8_t>{5});
-  EXPECT_EQ(IntegralityLoad(loaded, folder_.File("never").c_str()), 0);
-  EXPECT_EQ(IntegralityLoad(loaded, nullptr), 0);
-  uint8_t byte = 1;
-  EXPECT_EQ(IntegralitySave(&byte, 1, folder_.File("no/dir/file").c_str()), 0);
-  EXPECT_EQ(IntegralitySave(nullptr, 4, path.c_str()), 0);
-}
-
-TEST_F(PathsTest, RemoveFileOrDirTakesEverythingBelow) {
-  std::string top = folder_.File("top");
+  // Removal takes a whole tree and does not follow the links in it.
+  const std::string top = folder.File("top");
   ASSERT_EQ(mkdir(top.c_str(), 0755), 0);
   ASSERT_EQ(mkdir((top + "/sub").c_str(), 0755), 0);
-  Make("top/a", {1});
-  Make("top/sub/b", {2});
-  std::string outside = Make("outside", {3});
-  ASSERT_EQ(symlink(folder_.path().c_str(), (top + "/sub/up").c_str()), 0);
+  ASSERT_TRUE(WriteWholeFile(top + "/sub/b", {2}));
+  ASSERT_EQ(symlink(folder.path().c_str(), (top + "/sub/up").c_str()), 0);
   EXPECT_EQ(YCRemoveFileOrDir(top.c_str()), 1);
   EXPECT_EQ(IsDirExist(top.c_str()), 0);
-  EXPECT_EQ(IsFileExist(outside.c_str()), 1);  // the link was not followed
-  EXPECT_EQ(YCRemoveFileOrDir(outside.c_str()), 1);
-  EXPECT_EQ(IsFileExist(outside.c_str()), 0);
-  EXPECT_EQ(YCRemoveFileOrDir(outside.c_str()), 0);
+  EXPECT_EQ(IsFileExist(to.c_str()), 1);
+  EXPECT_EQ(YCRemoveFileOrDir(to.c_str()), 1);
+  EXPECT_EQ(IsFileExist(to.c_str()), 0);
 }
-
-}  // namespace

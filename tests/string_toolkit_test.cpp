@@ -1,3 +1,5 @@
+// The wildcard family is not run by the players: one contract test over both
+// character types, one table row per rule.
 #include "StringToolkit.h"
 
 #include <gtest/gtest.h>
@@ -5,11 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "PerformanceSite.h"
-
 namespace {
 
-// The cases are written once in ASCII and run for both character types.
 template <class C>
 std::basic_string<C> S(const char* text) {
   std::basic_string<C> out;
@@ -17,219 +16,114 @@ std::basic_string<C> S(const char* text) {
   return out;
 }
 
-// A text, a pattern (or list), flags and the expected result.
-struct TextCase {
-  const char* text;
-  const char* pattern;
+// m MatchingString, f FindingString, a/A MultiMatching any/all, n MultiMatchingFileName.
+constexpr uint32_t I = STR_IGNORE_CASE, W = STR_WILDCARDS, H = STR_HASH_LITERAL, SL = STR_ANY_SLASH,
+                   WW = STR_WHOLE_WORD, E = STR_FROM_END;
+const char* const kHosts = "vb6.exe;iexplore.exe;pythonw.exe";
+
+const struct Case {
+  char function;
+  const char *text, *pattern;
   uint32_t flags;
   int32_t expected;
+} kCases[] = {
+    {'m', "a.txt", "*.TXT", I, 1}, {'m', "a.txt", "*.TXT", 0, 0}, {'m', "ab", "a?", 0, 1},
+    {'m', "abc", "a?", 0, 0}, {'m', "a", "a?", 0, 0}, {'m', "ab12", "ab##", 0, 1},
+    {'m', "ab12", "ab##", H, 0}, {'m', "ab##", "ab##", H, 1}, {'m', "ab#1", "ab##", 0, 1},
+    {'m', "abcabd", "*bc*d", 0, 1}, {'m', "aXbXc", "a*X*c", 0, 1}, {'m', "aXbc", "a*b*bc", 0, 0},
+    {'m', "a/b", "a\\b", SL, 1}, {'m', "a/b", "a\\b", 0, 0}, {'m', "abcd", "abc", 0, 0},
+    {'m', "", "", 0, 1}, {'m', "a", "", 0, 0}, {'m', "", "*", 0, 1}, {'m', "anything", "**", 0, 1},
+    {'m', "ab", "abc*", 0, 0}, {'m', "ab", "*abc", 0, 0}, {'f', "concat cat", "cat", WW, 7},
+    {'f', "concat", "cat", WW, -1}, {'f', "concat", "cat", 0, 3}, {'f', "a-b a-b", "a-b", WW, 0},
+    {'f', "abc", "", 0, 0}, {'f', "", "", 0, -1}, {'f', "ab", "abc", 0, -1}, {'f', "xABCx", "abc", I, 1},
+    {'f', "xABCx", "abc", 0, -1}, {'f', "abcabc", "bc", E, 4}, {'f', "aaa", "aa", E, 1},
+    {'f', "v12 v3x", "v#x", W, 4}, {'f', "v12 v3x", "v?x", 0, -1}, {'f', "v12 v3x", "v?x", W, 4},
+    {'f', "aabaabaaa", "aabaaa", 0, 3}, {'f', "c:/dir", "\\dir", SL, 2},
+    {'a', "a.txt", "*.doc;*.txt", 0, 1}, {'a', "a.txt", "*.doc,*.pdf", 0, 0},
+    {'A', "a.txt", "a*,*.txt", 0, 1}, {'A', "a.txt", "a*,*.doc", 0, 0}, {'A', "a.txt", "a*;", 0, 0},
+    {'a', "a.txt", "a*;", 0, 1}, {'a', "", "", 0, 1}, {'a', "x", "", 0, 0}, {'a', "x", ";;,", 0, 0},
+    {'A', "", ";;", 0, 1}, {'a', "a\\b", "a/b", 0, 0}, {'n', "pythonw.EXE", kHosts, 0, 1},
+    {'n', "IExplore.exe", kHosts, E, 1}, {'n', "python.exe", kHosts, 0, 0}, {'n', "a\\b", "a/b", 0, 1},
+    {'n', "readme", "*.", 0, 1}, {'n', "readme.txt", "*.doc;*.", 0, 0}, {'n', "a.b\\readme", "*.", 0, 1},
+    {'n', "a.b/readme", "*.", 0, 1}, {'n', "", "*.", 0, 0}, {'n', "readme.txt", "*.doc;*.TXT", 0, 1},
 };
+
+template <class C>
+int32_t Run(const Case& c) {
+  const std::basic_string<C> text = S<C>(c.text), pattern = S<C>(c.pattern);
+  switch (c.function) {
+    case 'm': return MatchingString(text.c_str(), pattern.c_str(), c.flags, -1, nullptr, nullptr);
+    case 'f': return FindingString(text.c_str(), pattern.c_str(), -1, -1, c.flags, nullptr, nullptr);
+    case 'a': return MultiMatching(text.c_str(), pattern.c_str(), 0, c.flags, -1);
+    case 'A': return MultiMatching(text.c_str(), pattern.c_str(), 1, c.flags, -1);
+    case 'n': return MultiMatchingFileName(text.c_str(), pattern.c_str(), 0, c.flags, -1);
+  }
+  return -2;
+}
 
 template <class C>
 class StringToolkitTest : public ::testing::Test {};
 using CharTypes = ::testing::Types<char, char16_t>;
 TYPED_TEST_SUITE(StringToolkitTest, CharTypes);
 
-TYPED_TEST(StringToolkitTest, MatchingString) {
+TYPED_TEST(StringToolkitTest, Contract) {
   using C = TypeParam;
-  const TextCase cases[] = {
-      {"a.txt", "*.TXT", STR_IGNORE_CASE, 1},
-      {"a.txt", "*.TXT", 0, 0},
-      {"ab", "a?", 0, 1},
-      {"abc", "a?", 0, 0},
-      {"a", "a?", 0, 0},
-      {"ab12", "ab##", 0, 1},
-      {"ab12", "ab##", STR_HASH_LITERAL, 0},
-      {"ab##", "ab##", STR_HASH_LITERAL, 1},
-      {"ab#1", "ab##", 0, 1},
-      {"abcabc", "*bc", 0, 1},
-      {"abcabd", "*bc*d", 0, 1},
-      {"aXbXc", "a*X*c", 0, 1},
-      {"aXbc", "a*b*bc", 0, 0},
-      {"a/b", "a\\b", STR_ANY_SLASH, 1},
-      {"a/b", "a\\b", 0, 0},
-      {"abc", "abc", 0, 1},
-      {"abcd", "abc", 0, 0},
-      {"", "", 0, 1},
-      {"a", "", 0, 0},
-      {"", "*", 0, 1},
-      {"anything", "**", 0, 1},
-      {"ab", "abc*", 0, 0},
-  };
-  for (const TextCase& c : cases) {
-    EXPECT_EQ(MatchingString(S<C>(c.text).c_str(), S<C>(c.pattern).c_str(), c.flags, -1, nullptr,
-                             nullptr),
-              c.expected)
-        << c.text << " ~ " << c.pattern;
-  }
+  for (const Case& c : kCases)
+    EXPECT_EQ(Run<C>(c), c.expected) << c.function << ": " << c.text << " / " << c.pattern << " " << c.flags;
   const C empty[1] = {0};
   EXPECT_EQ(MatchingString<C>(nullptr, nullptr, 0, -1, nullptr, nullptr), 1);
   EXPECT_EQ(MatchingString<C>(empty, nullptr, 0, -1, nullptr, nullptr), 0);
   EXPECT_EQ(MatchingString<C>(nullptr, empty, 0, -1, nullptr, nullptr), 0);
-  // An explicit length shorter than the text.
+  EXPECT_EQ(MultiMatching<C>(nullptr, nullptr, 0, 0, -1), 1);
   EXPECT_EQ(MatchingString(S<C>("abcdef").c_str(), S<C>("a*c").c_str(), 0, 3, nullptr, nullptr), 1);
-}
 
-TYPED_TEST(StringToolkitTest, MatchingStringSpans) {
-  using C = TypeParam;
+  // What each wildcard took: a middle "*" up to its segment's find, a
+  // trailing one the rest; the spans are counted even when none is given.
   MatchSpan spans[8];
   int32_t count = -1;
-  ASSERT_EQ(MatchingString(S<C>("xaYbZ12").c_str(), S<C>("x?Y*Z#?").c_str(), 0, -1, spans, &count), 1);
-  // "?" at 1, "*" from 3 ("b"), then the anchored tail "Z#?": "#" at 5, "?" at 6.
-  const std::vector<std::pair<int32_t, int32_t>> expected = {{1, 1}, {3, 1}, {5, 1}, {6, 1}};
-  ASSERT_EQ(count, 4);
-  for (int i = 0; i < count; ++i) {
-    EXPECT_EQ(spans[i].start, expected[i].first) << i;
-    EXPECT_EQ(spans[i].length, expected[i].second) << i;
-  }
-  ASSERT_EQ(MatchingString(S<C>("abXcdXe").c_str(), S<C>("ab*X*").c_str(), 0, -1, spans, &count), 1);
-  ASSERT_EQ(count, 2);
-  EXPECT_EQ(spans[0].start, 2);  // the middle segment: span up to its find
-  EXPECT_EQ(spans[0].length, 0);
-  EXPECT_EQ(spans[1].start, 3);  // the trailing "*" takes the rest
-  EXPECT_EQ(spans[1].length, 4);
-  count = 9;
-  EXPECT_EQ(MatchingString(S<C>("a").c_str(), S<C>("b").c_str(), 0, -1, spans, &count), 0);
+  auto Spans = [&](const char* text, const char* pattern) {
+    std::vector<std::pair<int32_t, int32_t>> got;
+    if (MatchingString(S<C>(text).c_str(), S<C>(pattern).c_str(), 0, -1, spans, &count) != 1) return got;
+    for (int i = 0; i < count; ++i) got.emplace_back(spans[i].start, spans[i].length);
+    return got;
+  };
+  using P = std::vector<std::pair<int32_t, int32_t>>;
+  EXPECT_EQ(Spans("xaYbZ12", "x?Y*Z#?"), (P{{1, 1}, {3, 1}, {5, 1}, {6, 1}}));
+  EXPECT_EQ(Spans("abXcdXe", "ab*X*"), (P{{2, 0}, {3, 4}}));
+  EXPECT_EQ(Spans("a", "b"), P{});
   EXPECT_EQ(count, 0);
-}
 
-TYPED_TEST(StringToolkitTest, FindingString) {
-  using C = TypeParam;
-  const TextCase cases[] = {
-      {"concat cat", "cat", STR_WHOLE_WORD, 7},
-      {"concat", "cat", STR_WHOLE_WORD, -1},
-      {"concat", "cat", 0, 3},
-      {"a-b a-b", "a-b", STR_WHOLE_WORD, 0},  // not a word: plain search
-      {"abc", "", 0, 0},
-      {"", "", 0, -1},
-      {"ab", "abc", 0, -1},
-      {"xABCx", "abc", STR_IGNORE_CASE, 1},
-      {"xABCx", "abc", 0, -1},
-      {"abcabc", "bc", STR_FROM_END, 4},
-      {"aaa", "aa", STR_FROM_END, 1},
-      {"v12 v3x", "v#x", STR_WILDCARDS, 4},
-      {"v12 v3x", "v?x", 0, -1},
-      {"v12 v3x", "v?x", STR_WILDCARDS, 4},
-      {"aabaabaaa", "aabaaa", 0, 3},
-      {"c:/dir", "\\dir", STR_ANY_SLASH, 2},
-  };
-  for (const TextCase& c : cases) {
-    EXPECT_EQ(FindingString(S<C>(c.text).c_str(), S<C>(c.pattern).c_str(), -1, -1, c.flags, nullptr,
-                            nullptr),
-              c.expected)
-        << c.text << " / " << c.pattern << " flags " << c.flags;
-  }
+  // The lines before a find; a caller's vector (forward only); a pattern
+  // longer than the vector kept on the stack.
   int32_t lines = -1;
-  EXPECT_EQ(FindingString(S<C>("a\nb\nxyz\nxyz").c_str(), S<C>("xyz").c_str(), -1, -1, 0, &lines, nullptr), 4);
-  EXPECT_EQ(lines, 2);
-  EXPECT_EQ(FindingString(S<C>("a\nb\nxyz\nxyz").c_str(), S<C>("xyz").c_str(), -1, -1, STR_FROM_END,
-                          &lines, nullptr),
-            8);
+  const std::basic_string<C> text = S<C>("a\nb\nxyz\nxyz"), xyz = S<C>("xyz");
+  EXPECT_EQ(FindingString(text.c_str(), xyz.c_str(), -1, -1, E, &lines, nullptr), 8);
   EXPECT_EQ(lines, 3);
-  EXPECT_EQ(FindingString(S<C>("abc").c_str(), S<C>("q").c_str(), -1, -1, 0, &lines, nullptr), -1);
+  EXPECT_EQ(FindingString(text.c_str(), xyz.c_str(), -1, -1, 0, &lines, nullptr), 4);
+  EXPECT_EQ(lines, 2);
+  EXPECT_EQ(FindingString(text.c_str(), S<C>("q").c_str(), -1, -1, 0, &lines, nullptr), -1);
   EXPECT_EQ(lines, 0);
-  EXPECT_EQ(FindingString(S<C>("abc").c_str(), S<C>("b").c_str(), -2, -1, 0, nullptr, nullptr), -1);
-  // A vector given by the caller is used as it is.
-  const std::basic_string<C> pattern = S<C>("abab");
+  EXPECT_EQ(FindingString(text.c_str(), xyz.c_str(), -2, -1, 0, nullptr, nullptr), -1);
+  const std::basic_string<C> abab = S<C>("abab");
   int32_t vector[4];
-  CalcKMPTraitVector(vector, pattern.c_str(), 4, 0);
+  CalcKMPTraitVector(vector, abab.c_str(), 4, 0);
   EXPECT_EQ(std::vector<int32_t>(vector, vector + 4), (std::vector<int32_t>{-1, 0, 0, 1}));
-  EXPECT_EQ(FindingString(S<C>("aababab").c_str(), pattern.c_str(), -1, 4, 0, nullptr, vector), 1);
-}
+  EXPECT_EQ(FindingString(S<C>("aababab").c_str(), abab.c_str(), -1, 4, 0, nullptr, vector), 1);
+  std::basic_string<C> longPattern(1500, C('a'));
+  longPattern.back() = C('b');
+  const std::basic_string<C> longText = std::basic_string<C>(3000, C('a')) + longPattern;
+  EXPECT_EQ(FindingString(longText.c_str(), longPattern.c_str(), -1, -1, 0, nullptr, nullptr), 3000);
 
-TYPED_TEST(StringToolkitTest, LongPatternUsesTheHeap) {
-  using C = TypeParam;
-  std::basic_string<C> pattern(1500, C('a'));
-  pattern.back() = C('b');
-  std::basic_string<C> text(3000, C('a'));
-  text += pattern;
-  EXPECT_EQ(FindingString(text.c_str(), pattern.c_str(), -1, -1, 0, nullptr, nullptr), 3000);
-}
-
-TYPED_TEST(StringToolkitTest, MultiMatching) {
-  using C = TypeParam;
-  struct Case {
-    const char* text;
-    const char* list;
-    int32_t matchAll;
-    int32_t expected;
-  } cases[] = {
-      {"a.txt", "*.doc;*.txt", 0, 1},
-      {"a.txt", "*.doc,*.pdf", 0, 0},
-      {"a.txt", "a*,*.txt", 1, 1},
-      {"a.txt", "a*,*.doc", 1, 0},
-      {"a.txt", "a*;", 1, 0},  // an empty item fails unless the text is empty
-      {"a.txt", "a*;", 0, 1},
-      {"", "", 0, 1},
-      {"x", "", 0, 0},
-      {"x", ";;,", 0, 0},
-      {"", ";;", 1, 1},
-      {"a\\b", "a/b", 0, 0},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(MultiMatching(S<C>(c.text).c_str(), S<C>(c.list).c_str(), c.matchAll, 0, -1), c.expected)
-        << c.text << " in " << c.list << " all " << c.matchAll;
-  }
-  EXPECT_EQ(MultiMatching<C>(nullptr, nullptr, 0, 0, -1), 1);
-}
-
-TYPED_TEST(StringToolkitTest, MultiMatchingFileName) {
-  using C = TypeParam;
-  const char* hosts = "vb6.exe;vb7.exe;vb8.exe;iexplore.exe;pythonw.exe";
-  const TextCase cases[] = {
-      {"pythonw.EXE", hosts, 0, 1},
-      {"IExplore.exe", hosts, STR_FROM_END, 1},
-      {"python.exe", hosts, 0, 0},
-      {"a\\b", "a/b", 0, 1},
-      {"readme", "*.", 0, 1},
-      {"readme.txt", "*.", 0, 0},
-      {"a.b\\readme", "*.", 0, 1},
-      {"a.b/readme", "*.", 0, 1},
-      {"", "*.", 0, 0},
-      {"readme.txt", "*.doc;*.", 0, 0},
-      {"readme.txt", "*.doc;*.TXT", 0, 1},
-      {"", "", 0, 1},
-  };
-  for (const TextCase& c : cases) {
-    EXPECT_EQ(MultiMatchingFileName(S<C>(c.text).c_str(), S<C>(c.pattern).c_str(), 0, c.flags, -1),
-              c.expected)
-        << c.text << " in " << c.pattern;
-  }
-}
-
-TYPED_TEST(StringToolkitTest, FindCharAndLastOf) {
-  using C = TypeParam;
-  const std::basic_string<C> text = S<C>("a/b\\c.d");
-  EXPECT_EQ(StrFindChar(text.c_str(), C('/'), -1, 0), text.c_str() + 1);
-  EXPECT_EQ(StrFindChar(text.c_str(), C('d'), 6, 0), nullptr);  // beyond the length
+  const std::basic_string<C> path = S<C>("a/b\\c.d"), slashes = S<C>("/\\");
+  EXPECT_EQ(StrFindChar(path.c_str(), C('/'), -1, 0), path.c_str() + 1);
+  EXPECT_EQ(StrFindChar(path.c_str(), C('d'), 6, 0), nullptr);  // beyond the length
   EXPECT_EQ(StrFindChar<C>(nullptr, C('a'), -1, 0), nullptr);
-  const std::basic_string<C> set = S<C>("/\\");
-  const C* last = text.c_str() + text.size() - 1;
-  EXPECT_EQ(StrFindLastOf(text.c_str(), last, set.c_str()), text.c_str() + 3);
-  EXPECT_EQ(StrFindLastOf(text.c_str(), text.c_str(), set.c_str()), nullptr);
-  EXPECT_EQ(StrFindLastOf(text.c_str() + 1, text.c_str() + 1, set.c_str()), text.c_str() + 1);
-}
-
-TEST(StringToolkitDoubleByte, LeadBytesAreSkipped) {
-  // 0x81 0x2F is one character whose second byte is '/'.
-  const char text[] = "\x81/a/";
-  EXPECT_EQ(StrFindChar(text, '/', -1, 0), text + 1);
-  EXPECT_EQ(StrFindChar(text, '/', -1, 1), text + 3);
-}
-
-TEST(StringToolkitSites, EachTypeIsItsOwnSite) {
-  MatchingString("a", "a", 0, -1, nullptr, nullptr);
-  MatchingString(u"a", u"a", 0, -1, nullptr, nullptr);
-  MultiMatchingFileName(u"x", u"*", 0, 0, -1);
-  FindingString("ab", "b", -1, -1, 0, nullptr, nullptr);
-  int32_t v[1];
-  CalcKMPTraitVector(v, "a", 1, 0);
-  for (const char* name : {"MatchingString(char)", "MatchingString(wchar)", "FindingString(char)",
-                           "MultiMatchingFileName(wchar)", "CalcKMPTraitVector(char)"}) {
-    PerformanceSite* site = FindPerformanceSite(name, "codelib");
-    ASSERT_NE(site, nullptr) << name;
-    EXPECT_GT(site->calls.load(), 0u) << name;
-  }
+  EXPECT_EQ(StrFindLastOf(path.c_str(), path.c_str() + 6, slashes.c_str()), path.c_str() + 3);
+  EXPECT_EQ(StrFindLastOf(path.c_str(), path.c_str(), slashes.c_str()), nullptr);
+  EXPECT_EQ(StrFindLastOf(path.c_str() + 1, path.c_str() + 1, slashes.c_str()), path.c_str() + 1);
+  const char doubleByte[] = "\x81/a/";  // 0x81 0x2F is one character
+  EXPECT_EQ(StrFindChar(doubleByte, '/', -1, 0), doubleByte + 1);
+  EXPECT_EQ(StrFindChar(doubleByte, '/', -1, 1), doubleByte + 3);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <cstring>
 
+#include "TQFBuilder.h"
 #include "TQFReader.h"
 #include "TempFolder.h"
 
@@ -24,32 +25,15 @@ class WriterTest : public ::testing::Test {
 
 TEST_F(WriterTest, RecordingOfOneKeyFrameMatchesTheLayout) {
   MediaDescriptor descriptor = Descriptor(FOURCC_H264);
-  std::vector<uint8_t> payload(1000);
-  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 7);
+  const tqftest::Bytes payload = tqftest::Payload(1000);
   ASSERT_TRUE(writer_.Create(path_.c_str(), 0));
   ASSERT_EQ(writer_.AddRecord(descriptor.compression, &descriptor, 40), 0);
   TQFFrameHeader header{0x003E8100, 0xCAFEF00D};
   ASSERT_TRUE(writer_.WriteFrame(&header, payload.data(), 1000));
   writer_.Close();
-
-  std::vector<uint8_t> expected = {
-      0x54, 0x51, 0x46, 0x30,  // "TQF0"
-      0x38, 0x00, 0x00, 0x00,  // headerLength 56
-      0x00, 0x00, 0x00, 0x00,  // reserved
-      0x01, 0x00, 0x00, 0x00,  // recordCount 1
-      0x48, 0x32, 0x36, 0x34,  // "H264"
-      0x28, 0x00, 0x00, 0x00,  // recordLength 40
-  };
   const auto* d = reinterpret_cast<const uint8_t*>(&descriptor);
-  expected.insert(expected.end(), d, d + 40);
-  const uint8_t frameHead[] = {0x55, 0xAA, 0xA5, 0x5A, 0x00, 0x81, 0x3E, 0x00,
-                               0x0D, 0xF0, 0xFE, 0xCA};
-  expected.insert(expected.end(), std::begin(frameHead), std::end(frameHead));
-  expected.insert(expected.end(), payload.begin(), payload.end());
-  std::vector<uint8_t> bytes = Bytes();
-  ASSERT_EQ(bytes.size(), 1076u);
-  EXPECT_EQ(bytes, expected);
-  EXPECT_EQ(LoadU32(bytes.data() + 40), FOURCC_H264);  // the descriptor's FourCC at 40
+  EXPECT_EQ(Bytes(), tqftest::Concat({tqftest::Header({{FOURCC_H264, tqftest::Bytes(d, d + 40)}}),
+                                      tqftest::Frame(0x003E8100, 0xCAFEF00D, payload)}));
 }
 
 TEST_F(WriterTest, ReaderGetsFramesBackUnchanged) {
@@ -90,45 +74,37 @@ TEST_F(WriterTest, ReaderGetsFramesBackUnchanged) {
   EXPECT_EQ(std::memcmp(record, &descriptor, 40), 0);
 }
 
-TEST_F(WriterTest, FifteenRecordsAtMost) {
+// At most fifteen records, each eight bytes and its payload, and none once a
+// frame is written; a frame whose length disagrees with its info is refused.
+TEST_F(WriterTest, RecordsComeFirstAndFifteenAtMost) {
   ASSERT_TRUE(writer_.Create(path_.c_str(), 0));
   const uint8_t data[3] = {1, 2, 3};
-  for (int32_t i = 0; i < 15; ++i) ASSERT_EQ(writer_.AddRecord(100, data, 3), i);
+  EXPECT_EQ(writer_.AddRecord(7, nullptr, 0), 0);
+  EXPECT_EQ(writer_.AddRecord(7, nullptr, -1), -1);
+  for (int32_t i = 1; i < 15; ++i) ASSERT_EQ(writer_.AddRecord(100, data, 3), i);
   fflush(writer_.file);
-  std::vector<uint8_t> before = Bytes();
+  const std::vector<uint8_t> before = Bytes();
   EXPECT_EQ(writer_.AddRecord(100, data, 3), -1);
   fflush(writer_.file);
   EXPECT_EQ(Bytes(), before);
-  writer_.Close();
-  EXPECT_EQ(LoadU32(before.data() + 4), 8u + 15 * 11);
+  EXPECT_EQ(LoadU32(before.data() + 4), 8u + 8 + 14 * 11);
   EXPECT_EQ(LoadU32(before.data() + 12), 15u);
-}
-
-TEST_F(WriterTest, EmptyRecordAddsEightBytes) {
-  ASSERT_TRUE(writer_.Create(path_.c_str(), 0));
-  EXPECT_EQ(writer_.AddRecord(7, nullptr, 0), 0);
-  EXPECT_EQ(writer_.AddRecord(7, nullptr, -1), -1);
+  EXPECT_EQ(LoadU32(before.data() + 16), 7u);
+  EXPECT_EQ(LoadU32(before.data() + 20), 0u);
   writer_.Close();
-  std::vector<uint8_t> bytes = Bytes();
-  ASSERT_EQ(bytes.size(), 24u);
-  EXPECT_EQ(LoadU32(bytes.data() + 4), 16u);
-  EXPECT_EQ(LoadU32(bytes.data() + 16), 7u);
-  EXPECT_EQ(LoadU32(bytes.data() + 20), 0u);
-}
 
-TEST_F(WriterTest, FramesCloseTheHeader) {
   MediaDescriptor descriptor = Descriptor(FOURCC_H264);
-  ASSERT_TRUE(writer_.Create(path_.c_str(), 0));
+  ASSERT_TRUE(writer_.Create(folder_.File("frames.tqf").c_str(), 0));
   uint8_t payload[4] = {9, 9, 9, 9};
   TQFFrameHeader wrong{MakeFrameInfo(5, true, 0), 0};
-  EXPECT_FALSE(writer_.WriteFrame(&wrong, payload, 4));  // length disagrees with info
+  EXPECT_FALSE(writer_.WriteFrame(&wrong, payload, 4));
   EXPECT_EQ(writer_.framesStarted, 0);
   EXPECT_EQ(writer_.AddRecord(FOURCC_H264, &descriptor, 40), 0);
   TQFFrameHeader right{MakeFrameInfo(4, true, 0), 0};
   EXPECT_TRUE(writer_.WriteFrame(&right, payload, 4));
   EXPECT_EQ(writer_.AddRecord(FOURCC_H264, &descriptor, 40), -1);
   writer_.Close();
-  EXPECT_EQ(Bytes().size(), 64u + 16u);
+  EXPECT_EQ(ReadWholeFile(folder_.File("frames.tqf")).size(), 64u + 16u);
 }
 
 TEST_F(WriterTest, ZeroLengthFrameWritesHeadAndReportsFalse) {
