@@ -7,8 +7,12 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/error.h>
 #include <libavutil/frame.h>
+#include <libswresample/swresample.h>
 }
 
 inline std::string AvError(int code) {
@@ -26,6 +30,22 @@ struct FrameFree {
 struct PacketFree {
   void operator()(AVPacket* p) const { av_packet_free(&p); }
 };
+struct BsfFree {
+  void operator()(AVBSFContext* b) const { av_bsf_free(&b); }
+};
+struct ResamplerFree {
+  void operator()(SwrContext* s) const { swr_free(&s); }
+};
+struct AudioFifoFree {
+  void operator()(AVAudioFifo* f) const { av_audio_fifo_free(f); }
+};
+struct InputFree {
+  void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
+};
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+using BsfPtr = std::unique_ptr<AVBSFContext, BsfFree>;
+using ResamplerPtr = std::unique_ptr<SwrContext, ResamplerFree>;
+using AudioFifoPtr = std::unique_ptr<AVAudioFifo, AudioFifoFree>;
+using InputPtr = std::unique_ptr<AVFormatContext, InputFree>;

@@ -5,14 +5,30 @@
 #include <cstdarg>
 #include <cstdio>
 
-int CommandError(const char* command, const char* format, ...) {
+namespace {
+
+void PrintError(const char* command, const char* format, va_list arguments) {
   std::fprintf(stderr, "tqfplay %s: ", command);
+  std::vfprintf(stderr, format, arguments);
+  std::fputc('\n', stderr);
+}
+
+}  // namespace
+
+int CommandError(const char* command, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
+  PrintError(command, format, arguments);
   va_end(arguments);
-  std::fputc('\n', stderr);
   return 1;
+}
+
+bool StepFailed(const char* command, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  PrintError(command, format, arguments);
+  va_end(arguments);
+  return false;
 }
 
 std::string FourCCText(uint32_t value) {

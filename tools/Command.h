@@ -17,8 +17,12 @@ struct Command {
 // Exit codes shared by all subcommands.
 constexpr int EXIT_USAGE = 2;  // wrong arguments; a failure of the work itself is 1
 
-// Prints "tqfplay <command>: <message>" as one line on stderr and gives 1.
+// Prints "tqfplay <command>: <message>" as one line on stderr and gives 1,
+// the exit code of a failed command.
 int CommandError(const char* command, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+// The same line, for a step that reports success: gives false.
+bool StepFailed(const char* command, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
 // A FourCC as its four letters ("H264"), or as 0x%08X when one of them does

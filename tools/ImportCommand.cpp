@@ -57,50 +57,37 @@ struct WaveFormat {
 static_assert(sizeof(WaveFormat) == 18);
 
 
-// Everything one import holds; the destructor releases what was made.
+// Everything one import holds; its owners release what was made.
 struct ImportContext {
   const char* inputPath = nullptr;
   const char* outputPath = nullptr;
   bool withAudio = false;
   OutputFile output;
 
-  AVFormatContext* format = nullptr;
+  InputPtr format;
   int videoStream = -1;
   uint32_t fourcc = 0;
-  AVBSFContext* annexB = nullptr;  // null when the packets are Annex B already
+  BsfPtr annexB;  // null when the packets are Annex B already
   uint32_t lastVideoStamp = 0;
   bool warnedOfReordering = false;
   uint32_t videoFrames = 0;
   uint32_t keyFrames = 0;
 
   int audioStream = -1;
-  AVCodecContext* audioDecoder = nullptr;
-  SwrContext* resampler = nullptr;
-  AVCodecContext* audioEncoder = nullptr;
-  AVAudioFifo* samples = nullptr;
+  CodecContextPtr audioDecoder;
+  ResamplerPtr resampler;
+  CodecContextPtr audioEncoder;
+  AudioFifoPtr samples;
   std::vector<uint8_t> coded;  // G.726 bytes not yet cut into frames
   bool audioStampSet = false;
   uint32_t audioStamp = 0;  // stamp of the next audio frame
   uint32_t audioFrames = 0;
 
-  AVPacket* packet = nullptr;
-  AVPacket* filtered = nullptr;
-  AVFrame* decoded = nullptr;
-  AVFrame* toEncode = nullptr;
+  PacketPtr packet;
+  PacketPtr filtered;
+  FramePtr decoded;
+  FramePtr toEncode;
   TQFWriter writer;
-
-  ~ImportContext() {
-    av_frame_free(&toEncode);
-    av_frame_free(&decoded);
-    av_packet_free(&filtered);
-    av_packet_free(&packet);
-    if (samples != nullptr) av_audio_fifo_free(samples);
-    avcodec_free_context(&audioEncoder);
-    swr_free(&resampler);
-    avcodec_free_context(&audioDecoder);
-    av_bsf_free(&annexB);
-    avformat_close_input(&format);
-  }
 };
 
 // The packet time in milliseconds: pts, else dts; else 40 ms after `last`.
@@ -114,14 +101,12 @@ uint32_t PacketStampMs(const AVPacket* packet, AVRational timeBase, uint32_t las
 bool WriteFrame(ImportContext& c, uint32_t stream, bool key, uint32_t stamp, const uint8_t* data,
                 size_t size) {
   if (size > TQF_MAX_FRAME_PAYLOAD) {
-    CommandError(NAME, "%s: a frame of %zu bytes is larger than TQF allows (%u bytes)",
+    return StepFailed(NAME, "%s: a frame of %zu bytes is larger than TQF allows (%u bytes)",
                  c.inputPath, size, TQF_MAX_FRAME_PAYLOAD);
-    return false;
   }
   TQFFrameHeader header{MakeFrameInfo(static_cast<uint32_t>(size), key, stream), stamp};
   if (!c.writer.WriteFrame(&header, data, static_cast<uint32_t>(size))) {
-    CommandError(NAME, "%s: write failed", c.outputPath);
-    return false;
+    return StepFailed(NAME, "%s: write failed", c.outputPath);
   }
   return true;
 }
@@ -131,7 +116,7 @@ bool WriteFrame(ImportContext& c, uint32_t stream, bool key, uint32_t stamp, con
 // TQF players show every frame for 40 ms: other rates play at the wrong speed.
 void WarnOfFrameRate(const ImportContext& c) {
   AVStream* stream = c.format->streams[c.videoStream];
-  const AVRational rate = av_guess_frame_rate(c.format, stream, nullptr);
+  const AVRational rate = av_guess_frame_rate(c.format.get(), stream, nullptr);
   if (rate.num <= 0 || rate.den <= 0) return;
   const double fps = av_q2d(rate);
   if (std::fabs(fps - TQF_FRAMES_PER_SECOND) < 0.01) return;
@@ -142,10 +127,9 @@ void WarnOfFrameRate(const ImportContext& c) {
 }
 
 bool OpenVideo(ImportContext& c) {
-  c.videoStream = av_find_best_stream(c.format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  c.videoStream = av_find_best_stream(c.format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
   if (c.videoStream < 0) {
-    CommandError(NAME, "%s: no video track", c.inputPath);
-    return false;
+    return StepFailed(NAME, "%s: no video track", c.inputPath);
   }
   const AVCodecParameters* parameters = c.format->streams[c.videoStream]->codecpar;
   if (parameters->codec_id == AV_CODEC_ID_H264) {
@@ -153,9 +137,8 @@ bool OpenVideo(ImportContext& c) {
   } else if (parameters->codec_id == AV_CODEC_ID_MJPEG) {
     c.fourcc = FOURCC_JPEG;
   } else {
-    CommandError(NAME, "%s: unsupported video codec '%s' (H.264 or Motion JPEG only)",
+    return StepFailed(NAME, "%s: unsupported video codec '%s' (H.264 or Motion JPEG only)",
                  c.inputPath, avcodec_get_name(parameters->codec_id));
-    return false;
   }
   WarnOfFrameRate(c);
   // avcC extradata (its first byte is 1) marks the length-prefixed MP4 form.
@@ -163,15 +146,16 @@ bool OpenVideo(ImportContext& c) {
                         parameters->extradata[0] == 1;
   if (!lengthPrefixed) return true;
   const AVBitStreamFilter* filter = av_bsf_get_by_name("h264_mp4toannexb");
-  int result = filter == nullptr ? AVERROR_BSF_NOT_FOUND : av_bsf_alloc(filter, &c.annexB);
+  AVBSFContext* annexB = nullptr;
+  int result = filter == nullptr ? AVERROR_BSF_NOT_FOUND : av_bsf_alloc(filter, &annexB);
+  c.annexB.reset(annexB);
   if (result >= 0) result = avcodec_parameters_copy(c.annexB->par_in, parameters);
   if (result >= 0) {
     c.annexB->time_base_in = c.format->streams[c.videoStream]->time_base;
-    result = av_bsf_init(c.annexB);
+    result = av_bsf_init(c.annexB.get());
   }
   if (result < 0) {
-    CommandError(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
-    return false;
+    return StepFailed(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
   }
   return true;
 }
@@ -198,18 +182,17 @@ bool WriteVideoPacket(ImportContext& c, const AVPacket* packet) {
 
 // Passes `packet` (null: the end) through the Annex B filter, if any.
 bool ImportVideo(ImportContext& c, AVPacket* packet) {
-  if (c.annexB == nullptr) return packet == nullptr || WriteVideoPacket(c, packet);
-  int result = av_bsf_send_packet(c.annexB, packet);
+  if (!c.annexB) return packet == nullptr || WriteVideoPacket(c, packet);
+  int result = av_bsf_send_packet(c.annexB.get(), packet);
   while (result >= 0) {
-    result = av_bsf_receive_packet(c.annexB, c.filtered);
+    result = av_bsf_receive_packet(c.annexB.get(), c.filtered.get());
     if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return true;
     if (result < 0) break;
-    bool written = WriteVideoPacket(c, c.filtered);
-    av_packet_unref(c.filtered);
+    bool written = WriteVideoPacket(c, c.filtered.get());
+    av_packet_unref(c.filtered.get());
     if (!written) return false;
   }
-  CommandError(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
-  return false;
+  return StepFailed(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
 }
 
 // ---- audio ------------------------------------------------------------------
@@ -219,39 +202,38 @@ bool OpenAudio(ImportContext& c) {
     if (c.format->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
       c.audioStream = static_cast<int>(i);
   if (c.audioStream < 0) {
-    CommandError(NAME, "%s: --audio given, but there is no audio track", c.inputPath);
-    return false;
+    return StepFailed(NAME, "%s: --audio given, but there is no audio track", c.inputPath);
   }
   const AVCodecParameters* parameters = c.format->streams[c.audioStream]->codecpar;
   const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
   const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_ADPCM_G726LE);
   if (decoder == nullptr || encoder == nullptr) {
-    CommandError(NAME, "no %s", decoder == nullptr ? "decoder for the audio track" : "g726le encoder");
-    return false;
+    return StepFailed(NAME, "no %s", decoder == nullptr ? "decoder for the audio track" : "g726le encoder");
   }
-  c.audioDecoder = avcodec_alloc_context3(decoder);
-  c.audioEncoder = avcodec_alloc_context3(encoder);
-  if (c.audioDecoder == nullptr || c.audioEncoder == nullptr) return false;
-  int result = avcodec_parameters_to_context(c.audioDecoder, parameters);
-  if (result >= 0) result = avcodec_open2(c.audioDecoder, decoder, nullptr);
+  c.audioDecoder.reset(avcodec_alloc_context3(decoder));
+  c.audioEncoder.reset(avcodec_alloc_context3(encoder));
+  if (!c.audioDecoder || !c.audioEncoder) return false;
+  int result = avcodec_parameters_to_context(c.audioDecoder.get(), parameters);
+  if (result >= 0) result = avcodec_open2(c.audioDecoder.get(), decoder, nullptr);
   if (result >= 0) {
     c.audioEncoder->sample_rate = G726_SAMPLE_RATE;
     c.audioEncoder->sample_fmt = AV_SAMPLE_FMT_S16;
     c.audioEncoder->bit_rate = AUDIO_BIT_RATE;
     c.audioEncoder->time_base = AVRational{1, G726_SAMPLE_RATE};
     av_channel_layout_default(&c.audioEncoder->ch_layout, 1);
-    result = avcodec_open2(c.audioEncoder, encoder, nullptr);
+    result = avcodec_open2(c.audioEncoder.get(), encoder, nullptr);
   }
+  SwrContext* resampler = nullptr;
   if (result >= 0)
-    result = swr_alloc_set_opts2(&c.resampler, &c.audioEncoder->ch_layout, AV_SAMPLE_FMT_S16,
+    result = swr_alloc_set_opts2(&resampler, &c.audioEncoder->ch_layout, AV_SAMPLE_FMT_S16,
                                  G726_SAMPLE_RATE, &c.audioDecoder->ch_layout,
                                  c.audioDecoder->sample_fmt, c.audioDecoder->sample_rate, 0, nullptr);
-  if (result >= 0) result = swr_init(c.resampler);
+  c.resampler.reset(resampler);
+  if (result >= 0) result = swr_init(c.resampler.get());
   if (result < 0) {
-    CommandError(NAME, "audio: %s", AvError(result).c_str());
-    return false;
+    return StepFailed(NAME, "audio: %s", AvError(result).c_str());
   }
-  c.samples = av_audio_fifo_alloc(AV_SAMPLE_FMT_S16, 1, G726_SAMPLE_RATE);
+  c.samples.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_S16, 1, G726_SAMPLE_RATE));
   return c.samples != nullptr;
 }
 
@@ -271,34 +253,33 @@ bool WriteAudioFrames(ImportContext& c) {
 
 // Sends `frame` (null: the end) to the encoder and collects its output.
 bool Encode(ImportContext& c, AVFrame* frame) {
-  int result = avcodec_send_frame(c.audioEncoder, frame);
+  int result = avcodec_send_frame(c.audioEncoder.get(), frame);
   while (result >= 0) {
-    result = avcodec_receive_packet(c.audioEncoder, c.filtered);
+    result = avcodec_receive_packet(c.audioEncoder.get(), c.filtered.get());
     if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return WriteAudioFrames(c);
     if (result < 0) break;
     c.coded.insert(c.coded.end(), c.filtered->data, c.filtered->data + c.filtered->size);
-    av_packet_unref(c.filtered);
+    av_packet_unref(c.filtered.get());
   }
-  CommandError(NAME, "g726le: %s", AvError(result).c_str());
-  return false;
+  return StepFailed(NAME, "g726le: %s", AvError(result).c_str());
 }
 
 // Encodes whole encoder frames from the sample queue; at the end also the rest.
 bool EncodeQueued(ImportContext& c, bool atEnd) {
   int frameSamples = c.audioEncoder->frame_size > 0 ? c.audioEncoder->frame_size
                                                     : AUDIO_ENCODER_FRAME_SAMPLES;
-  while (av_audio_fifo_size(c.samples) >= frameSamples ||
-         (atEnd && av_audio_fifo_size(c.samples) > 0)) {
-    int count = std::min(frameSamples, av_audio_fifo_size(c.samples));
-    av_frame_unref(c.toEncode);
+  while (av_audio_fifo_size(c.samples.get()) >= frameSamples ||
+         (atEnd && av_audio_fifo_size(c.samples.get()) > 0)) {
+    int count = std::min(frameSamples, av_audio_fifo_size(c.samples.get()));
+    av_frame_unref(c.toEncode.get());
     c.toEncode->nb_samples = count;
     c.toEncode->format = AV_SAMPLE_FMT_S16;
     c.toEncode->sample_rate = G726_SAMPLE_RATE;
     if (av_channel_layout_copy(&c.toEncode->ch_layout, &c.audioEncoder->ch_layout) < 0 ||
-        av_frame_get_buffer(c.toEncode, 0) < 0 ||
-        av_audio_fifo_read(c.samples, reinterpret_cast<void**>(c.toEncode->data), count) != count)
-      return CommandError(NAME, "audio: out of memory") == 0;
-    if (!Encode(c, c.toEncode)) return false;
+        av_frame_get_buffer(c.toEncode.get(), 0) < 0 ||
+        av_audio_fifo_read(c.samples.get(), reinterpret_cast<void**>(c.toEncode->data), count) != count)
+      return StepFailed(NAME, "audio: out of memory");
+    if (!Encode(c, c.toEncode.get())) return false;
   }
   return !atEnd || Encode(c, nullptr);
 }
@@ -306,18 +287,18 @@ bool EncodeQueued(ImportContext& c, bool atEnd) {
 // Resamples `frame` (null: drains the resampler) into the sample queue.
 bool QueueSamples(ImportContext& c, const AVFrame* frame) {
   int inputCount = frame != nullptr ? frame->nb_samples : 0;
-  int room = swr_get_out_samples(c.resampler, inputCount);
-  if (room < 0) return CommandError(NAME, "audio: resampling failed") == 0;
+  int room = swr_get_out_samples(c.resampler.get(), inputCount);
+  if (room < 0) return StepFailed(NAME, "audio: resampling failed");
   if (room == 0) return true;  // a resampler that holds nothing back (same rate) at the end
-  if (av_audio_fifo_realloc(c.samples, av_audio_fifo_size(c.samples) + room) < 0)
-    return CommandError(NAME, "audio: out of memory") == 0;
+  if (av_audio_fifo_realloc(c.samples.get(), av_audio_fifo_size(c.samples.get()) + room) < 0)
+    return StepFailed(NAME, "audio: out of memory");
   std::vector<int16_t> out(static_cast<size_t>(room) + 1);
   uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(out.data())};
-  int made = swr_convert(c.resampler, outPlanes, room,
+  int made = swr_convert(c.resampler.get(), outPlanes, room,
                          frame != nullptr ? const_cast<const uint8_t**>(frame->extended_data) : nullptr,
                          inputCount);
-  if (made < 0) return CommandError(NAME, "audio: resampling failed") == 0;
-  return av_audio_fifo_write(c.samples, reinterpret_cast<void**>(outPlanes), made) == made;
+  if (made < 0) return StepFailed(NAME, "audio: resampling failed");
+  return av_audio_fifo_write(c.samples.get(), reinterpret_cast<void**>(outPlanes), made) == made;
 }
 
 // Decodes `packet` (null: the end) and passes the samples on.
@@ -326,15 +307,15 @@ bool ImportAudio(ImportContext& c, const AVPacket* packet) {
     c.audioStamp = PacketStampMs(packet, c.format->streams[c.audioStream]->time_base, 0, true);
     c.audioStampSet = true;
   }
-  int result = avcodec_send_packet(c.audioDecoder, packet);
+  int result = avcodec_send_packet(c.audioDecoder.get(), packet);
   if (result < 0 && result != AVERROR_EOF) return true;  // a damaged packet costs itself
   for (;;) {
-    result = avcodec_receive_frame(c.audioDecoder, c.decoded);
+    result = avcodec_receive_frame(c.audioDecoder.get(), c.decoded.get());
     if (result == AVERROR(EAGAIN)) return EncodeQueued(c, false);
     if (result == AVERROR_EOF) break;
-    if (result < 0) return CommandError(NAME, "audio: %s", AvError(result).c_str()) == 0;
-    bool queued = QueueSamples(c, c.decoded);
-    av_frame_unref(c.decoded);
+    if (result < 0) return StepFailed(NAME, "audio: %s", AvError(result).c_str());
+    bool queued = QueueSamples(c, c.decoded.get());
+    av_frame_unref(c.decoded.get());
     if (!queued) return false;
   }
   return QueueSamples(c, nullptr) && EncodeQueued(c, true);
@@ -343,30 +324,29 @@ bool ImportAudio(ImportContext& c, const AVPacket* packet) {
 // ---- the import -------------------------------------------------------------
 
 bool OpenInput(ImportContext& c) {
-  int result = avformat_open_input(&c.format, c.inputPath, nullptr, nullptr);
-  if (result >= 0) result = avformat_find_stream_info(c.format, nullptr);
+  AVFormatContext* format = nullptr;  // freed by avformat_open_input on failure
+  int result = avformat_open_input(&format, c.inputPath, nullptr, nullptr);
+  c.format.reset(format);
+  if (result >= 0) result = avformat_find_stream_info(c.format.get(), nullptr);
   if (result < 0) {
-    CommandError(NAME, "%s: %s", c.inputPath, AvError(result).c_str());
-    return false;
+    return StepFailed(NAME, "%s: %s", c.inputPath, AvError(result).c_str());
   }
-  c.packet = av_packet_alloc();
-  c.filtered = av_packet_alloc();
-  c.decoded = av_frame_alloc();
-  c.toEncode = av_frame_alloc();
-  if (c.packet == nullptr || c.filtered == nullptr || c.decoded == nullptr || c.toEncode == nullptr)
-    return CommandError(NAME, "out of memory") == 0;
+  c.packet.reset(av_packet_alloc());
+  c.filtered.reset(av_packet_alloc());
+  c.decoded.reset(av_frame_alloc());
+  c.toEncode.reset(av_frame_alloc());
+  if (!c.packet || !c.filtered || !c.decoded || !c.toEncode)
+    return StepFailed(NAME, "out of memory");
   return OpenVideo(c) && (!c.withAudio || OpenAudio(c));
 }
 
 bool CreateOutput(ImportContext& c) {
   std::string error;
   if (!c.output.Prepare(c.outputPath, {c.inputPath}, WriteAccess::SEEKING, &error)) {
-    CommandError(NAME, "%s", error.c_str());
-    return false;
+    return StepFailed(NAME, "%s", error.c_str());
   }
   if (!c.writer.Create(c.output.WritePath(), 0)) {
-    CommandError(NAME, "%s: cannot create: %s", c.outputPath, std::strerror(errno));
-    return false;
+    return StepFailed(NAME, "%s: cannot create: %s", c.outputPath, std::strerror(errno));
   }
   const AVCodecParameters* video = c.format->streams[c.videoStream]->codecpar;
   MediaDescriptor descriptor{};
@@ -392,18 +372,17 @@ bool CreateOutput(ImportContext& c) {
 
 bool CopyPackets(ImportContext& c) {
   int result;
-  while ((result = av_read_frame(c.format, c.packet)) >= 0) {
+  while ((result = av_read_frame(c.format.get(), c.packet.get())) >= 0) {
     bool ok = true;
     if (c.packet->stream_index == c.videoStream)
-      ok = ImportVideo(c, c.packet);
+      ok = ImportVideo(c, c.packet.get());
     else if (c.packet->stream_index == c.audioStream)
-      ok = ImportAudio(c, c.packet);
-    av_packet_unref(c.packet);
+      ok = ImportAudio(c, c.packet.get());
+    av_packet_unref(c.packet.get());
     if (!ok) return false;
   }
   if (result != AVERROR_EOF) {
-    CommandError(NAME, "%s: %s", c.inputPath, AvError(result).c_str());
-    return false;
+    return StepFailed(NAME, "%s: %s", c.inputPath, AvError(result).c_str());
   }
   return ImportVideo(c, nullptr) && (c.audioStream < 0 || ImportAudio(c, nullptr));
 }

@@ -113,8 +113,7 @@ bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* 
     const char* argument = argv[i];
     if (argument[0] != '-' || argument[1] == '\0') {
       if (positionals == maxPositional) {
-        CommandError(command, "unexpected argument '%s' (see --help)", argument);
-        return false;
+        return StepFailed(command, "unexpected argument '%s' (see --help)", argument);
       }
       positional[positionals++] = argument;
       continue;
@@ -125,29 +124,24 @@ bool ParseOptions(const char* command, int argc, char** argv, const OptionSpec* 
     const std::string name = equals ? std::string(argument, equals) : std::string(argument);
     const OptionSpec* rule = FindSpec(specs, specCount, name.c_str());
     if (rule == nullptr) {
-      CommandError(command, "unknown option '%s' (see --help)", name.c_str());
-      return false;
+      return StepFailed(command, "unknown option '%s' (see --help)", name.c_str());
     }
     const char* text = equals ? equals + 1 : nullptr;
     if (rule->kind == OptionKind::FLAG && equals) {
-      CommandError(command, "%s takes no value", name.c_str());
-      return false;
+      return StepFailed(command, "%s takes no value", name.c_str());
     }
     if (rule->kind != OptionKind::FLAG && !equals) {
       if (i + 1 == argc) {
-        CommandError(command, "%s needs a value", argument);
-        return false;
+        return StepFailed(command, "%s needs a value", argument);
       }
       text = argv[++i];
     }
     if (!StoreValue(*rule, text)) {
-      CommandError(command, "bad value '%s' for %s", text, name.c_str());
-      return false;
+      return StepFailed(command, "bad value '%s' for %s", text, name.c_str());
     }
   }
   if (positionals < minPositional) {
-    CommandError(command, "missing arguments (see --help)");
-    return false;
+    return StepFailed(command, "missing arguments (see --help)");
   }
   return true;
 }

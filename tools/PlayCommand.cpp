@@ -37,8 +37,7 @@ bool ParsePlayOptions(int argc, char** argv, PlayOptions* o) {
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1)) return false;
   if (o->sink.pngEvery != PictureSinkOptions().pngEvery && o->sink.pngFolder == nullptr) {
-    CommandError(NAME, "--every needs --png");
-    return false;
+    return StepFailed(NAME, "--every needs --png");
   }
   return true;
 }

@@ -52,21 +52,17 @@ bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1)) return false;
   if (chunk != 0 && o->feed.randomChunks) {
-    CommandError(NAME, "--chunk and --random-chunks exclude each other");
-    return false;
+    return StepFailed(NAME, "--chunk and --random-chunks exclude each other");
   }
   if (chunk > StreamFeeder::MAX_CHUNK_BYTES) {
-    CommandError(NAME, "--chunk is at most %u bytes", StreamFeeder::MAX_CHUNK_BYTES);
-    return false;
+    return StepFailed(NAME, "--chunk is at most %u bytes", StreamFeeder::MAX_CHUNK_BYTES);
   }
   if (chunk != 0) o->feed.chunkBytes = chunk;
   if (o->recordAfterMs != 0 && o->recordPath == nullptr) {
-    CommandError(NAME, "--record-after needs --record");
-    return false;
+    return StepFailed(NAME, "--record-after needs --record");
   }
   if (o->sink.pngEvery != PictureSinkOptions().pngEvery && o->sink.pngFolder == nullptr) {
-    CommandError(NAME, "--every needs --png");
-    return false;
+    return StepFailed(NAME, "--every needs --png");
   }
   return true;
 }
