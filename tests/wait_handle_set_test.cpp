@@ -2,210 +2,118 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <vector>
 
-#include "OSTime.h"
 #include "wait_test_support.h"
 
 namespace {
 
-struct Waited {
-  int32_t result;
-  std::vector<int32_t> indices;
-};
+using Indices = std::vector<int32_t>;
 
-Waited WaitAny(WaitHandleSet& set, const HANDLE* handles, int32_t n, uint32_t timeoutMs,
-               int32_t rebuilt) {
-  std::vector<int32_t> out(static_cast<size_t>(n > 0 ? n : 1));
-  int32_t count = -1;
-  Waited w;
-  w.result = set.WaitAnySignaled(handles, n, timeoutMs, out.data(), &count, rebuilt);
-  w.indices.assign(out.begin(), out.begin() + (count > 0 ? count : 0));
-  return w;
+// WaitAnySignaled: the result, with the signalled indices or -1 after the result.
+Indices WaitAny(WaitHandleSet& set, const HANDLE* handles, int32_t n, uint32_t timeoutMs, int32_t rebuilt) {
+  Indices out(static_cast<size_t>(n));
+  int32_t count = 0;
+  const int32_t result = set.WaitAnySignaled(handles, n, timeoutMs, out.data(), &count, rebuilt);
+  out.resize(static_cast<size_t>(count));
+  if (result != WAIT_SET_SATISFIED) out.insert(out.begin(), -result);
+  return out;
 }
 
-class WaitHandleSetTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(EnsureDescriptors(9000)); }
-  std::unique_ptr<WaitHandleSet> set_ = std::make_unique<WaitHandleSet>();
-};
-
-// The helper tree by size: how many helpers start, and that the last handle,
-// which always lies in the last group, is found.
-TEST_F(WaitHandleSetTest, HelpersStartedBySize) {
-  struct Case {
-    int32_t n;
-    int32_t helpers;
-  } cases[] = {{1, 0}, {64, 0}, {65, 1}, {126, 1}, {127, 2}, {2000, 32}, {4031, 64}, {4032, 64}};
-  for (const Case& c : cases) {
-    WaitHandleSet set;
-    EventRow events(c.n, 0);
-    ASSERT_TRUE(events.AllMade());
-    SetEvent(events[c.n - 1]);
-    Waited w = WaitAny(set, events.data(), c.n, 1000, 1);
-    EXPECT_EQ(w.result, 0) << c.n;
-    EXPECT_EQ(w.indices, std::vector<int32_t>{c.n - 1}) << c.n;
-    EXPECT_EQ(set.StartedHelpers(), c.helpers) << c.n;
-  }
-}
-
-TEST_F(WaitHandleSetTest, DestructionEndsEveryHelper) {
+// The wait on more than 64 handles through helper threads, one per 63.
+TEST(WaitHandleSet, Contract) {
+  ASSERT_TRUE(EnsureDescriptors(9000));
   const int baseline = CountProcEntries("task");
+  const Indices timedOut{-WAIT_SET_TIMEOUT}, failed{-WAIT_SET_FAILED};
   {
     WaitHandleSet set;
-    EventRow events(200, 0);
-    EXPECT_EQ(WaitAny(set, events.data(), 200, 0, 1).result, 1);
-    EXPECT_EQ(CountProcEntries("task"), baseline + 3);
+    EventRow events(WAIT_SET_MAX_HANDLES + 1, 0);
+    ASSERT_TRUE(events.AllMade());
+    int32_t out[8], count = 0;
+    // Refusals start no helper; wait-all works only without limit.
+    EXPECT_EQ(WaitAny(set, events.data(), WAIT_SET_MAX_HANDLES + 1, 0, 1), failed);
+    EXPECT_EQ(WaitAny(set, events.data(), 0, 0, 1), failed);
+    EXPECT_EQ(set.WaitAnySignaled(nullptr, 5, 0, out, &count, 1), WAIT_SET_FAILED);
+    EXPECT_EQ(set.WaitAnySignaled(events.data(), 5, 0, nullptr, &count, 1), WAIT_SET_FAILED);
+    EXPECT_EQ(set.WaitAnySignaled(events.data(), 5, 0, out, nullptr, 1), WAIT_SET_FAILED);
+    EXPECT_EQ(set.WaitForMultipleObjectsExpand(events.data(), 100, 5, out, &count, 1, 1), WAIT_SET_FAILED);
+    EXPECT_EQ(set.StartedHelpers(), 0);
+
+    // In order of size, as helpers once started stay. Every signalled index
+    // is reported, ascending, and consumed; direct handles are the first 64-k.
+    struct Case {
+      int32_t n, rebuilt;
+      Indices signalled;
+      int32_t helpers;
+    } cases[] = {{1, 1, {0}, 0},          {64, 1, {63}, 0},   {65, 1, {64}, 1},         {70, 1, {3, 68}, 1},
+                 {126, 1, {125}, 1},      {127, 1, {126}, 2}, {200, 1, {}, 3},          {200, 0, {150}, 3},
+                 {200, 0, {5}, 3},        {200, 0, {199}, 3}, {2000, 1, {1999}, 32},    {4031, 1, {4030}, 64},
+                 {300, 1, {3, 59, 60, 61, 100, 122, 123, 200, 299}, 64},                {300, 0, {}, 64},
+                 {4032, 1, {4031}, 64}};
+    for (const Case& c : cases) {
+      for (int32_t i : c.signalled) SetEvent(events[i]);
+      const uint32_t start = GetTickCount();
+      EXPECT_EQ(WaitAny(set, events.data(), c.n, c.signalled.empty() ? 10 : 1000, c.rebuilt),
+                c.signalled.empty() ? timedOut : c.signalled) << c.n;
+      EXPECT_TRUE(!c.signalled.empty() || GetTickCount() - start >= 9u) << c.n;
+      EXPECT_EQ(set.StartedHelpers(), c.helpers) << c.n;
+    }
+    EXPECT_EQ(CountProcEntries("task"), baseline + 64);
   }
-  EXPECT_EQ(CountProcEntries("task"), baseline);  // joined, not left behind
-}
+  EXPECT_EQ(CountProcEntries("task"), baseline);  // every helper joined
 
-TEST_F(WaitHandleSetTest, RefusesBadArgumentsWithoutStartingHelpers) {
-  EventRow events(4033, 1);
-  ASSERT_TRUE(events.AllMade());
-  int32_t out[4033];
-  int32_t count = 0;
-  EXPECT_EQ(set_->WaitAnySignaled(events.data(), 4033, 0, out, &count, 1), 2);
-  EXPECT_EQ(set_->WaitAnySignaled(nullptr, 5, 0, out, &count, 1), 2);
-  EXPECT_EQ(set_->WaitAnySignaled(events.data(), 0, 0, out, &count, 1), 2);
-  EXPECT_EQ(set_->WaitAnySignaled(events.data(), 5, 0, nullptr, &count, 1), 2);
-  EXPECT_EQ(set_->WaitAnySignaled(events.data(), 5, 0, out, nullptr, 1), 2);
-  // Wait-all works only without limit.
-  const uint32_t start = GetTickCount();
-  EXPECT_EQ(set_->WaitForMultipleObjectsExpand(events.data(), 100, 5, out, &count, 1, 1), 2);
-  EXPECT_LT(GetTickCount() - start, 5u);
-  EXPECT_EQ(set_->StartedHelpers(), 0);
-}
-
-TEST_F(WaitHandleSetTest, ReportsEverySignalledIndexAscending) {
-  EventRow events(300, 0);
-  ASSERT_TRUE(events.AllMade());
-  // Direct handles (0..59 for 300: k = 4) and several in one helper's group.
-  const std::vector<int32_t> expected = {3, 59, 60, 61, 100, 122, 123, 200, 299};
-  for (int32_t i : expected) SetEvent(events[i]);
-  Waited w = WaitAny(*set_, events.data(), 300, 1000, 1);
-  EXPECT_EQ(w.result, 0);
-  EXPECT_EQ(w.indices, expected);
-  // All of them were consumed (auto-reset): nothing is left.
-  EXPECT_EQ(WaitAny(*set_, events.data(), 300, 0, 0).result, 1);
-}
-
-TEST_F(WaitHandleSetTest, SeventyWithTwoSignalled) {
-  EventRow events(70, 0);
-  SetEvent(events[3]);
-  SetEvent(events[68]);
-  Waited w = WaitAny(*set_, events.data(), 70, INFINITE, 1);
-  EXPECT_EQ(w.result, 0);
-  EXPECT_EQ(w.indices, (std::vector<int32_t>{3, 68}));
-}
-
-TEST_F(WaitHandleSetTest, ManualResetEventDoesNotStarveThoseBehind) {
-  EventRow events(10, 1);
-  SetEvent(events[0]);
-  SetEvent(events[7]);
-  for (int pass = 0; pass < 3; ++pass) {
-    Waited w = WaitAny(*set_, events.data(), 10, 0, pass == 0);
-    EXPECT_EQ(w.indices, (std::vector<int32_t>{0, 7}));
-  }
-}
-
-TEST_F(WaitHandleSetTest, TimeoutLeavesHelpersIdleAndReusable) {
-  EventRow events(200, 0);
-  const uint32_t start = GetTickCount();
-  Waited w = WaitAny(*set_, events.data(), 200, 10, 1);
-  EXPECT_EQ(w.result, 1);
-  EXPECT_TRUE(w.indices.empty());
-  EXPECT_GE(GetTickCount() - start, 9u);
-  EXPECT_EQ(set_->StartedHelpers(), 3);
-  for (int32_t i : {150, 5, 199}) {
-    SetEvent(events[i]);
-    w = WaitAny(*set_, events.data(), 200, 1000, 0);
-    EXPECT_EQ(w.result, 0);
-    EXPECT_EQ(w.indices, std::vector<int32_t>{i});
-  }
-}
-
-TEST_F(WaitHandleSetTest, SmallerArrayKeepsHelpersAndNeedsRebuilt) {
-  EventRow big(200, 0);
-  EventRow a(70, 0);
-  EventRow b(70, 0);
-  EXPECT_EQ(WaitAny(*set_, big.data(), 200, 0, 1).result, 1);
-  EXPECT_EQ(WaitAny(*set_, a.data(), 70, 0, 1).result, 1);
-  EXPECT_EQ(set_->StartedHelpers(), 3);  // the two not needed stay alive
-  // Without `rebuilt` the set still waits on `a`, whatever array is passed.
-  // (A helper needs a moment to take its turn: a timeout of 0 may call it off
-  // before it looks.)
+  WaitHandleSet set;
+  EventRow manual(100, 1), a(70, 0), b(70, 0), racing(130, 0);
+  int32_t out[100], count = 0;
+  // A manual-reset event does not starve those behind it.
+  SetEvent(manual[0]);
+  SetEvent(manual[7]);
+  for (int pass = 0; pass < 3; ++pass) EXPECT_EQ(WaitAny(set, manual.data(), 10, 0, pass == 0), (Indices{0, 7}));
+  // Wait-all across helpers; the set is at once reusable for the other mode.
+  for (int i = 0; i < 100; ++i) SetEvent(manual[i]);
+  EXPECT_EQ(set.WaitForMultipleObjectsExpand(manual.data(), 100, INFINITE, out, &count, 1, 1), WAIT_SET_SATISFIED);
+  EXPECT_EQ(WaitAny(set, manual.data(), 100, 0, 0).size(), 100u);
+  // Without `rebuilt` the helpers still wait on the array last given with it.
+  // (A helper needs a moment to take its turn: a timeout of 0 may call it off.)
+  EXPECT_EQ(WaitAny(set, a.data(), 70, 0, 1), timedOut);
   SetEvent(b[68]);
-  EXPECT_EQ(WaitAny(*set_, b.data(), 70, 20, 0).result, 1);
+  EXPECT_EQ(WaitAny(set, b.data(), 70, 20, 0), timedOut);
   SetEvent(a[68]);
-  EXPECT_EQ(WaitAny(*set_, b.data(), 70, 1000, 0).indices, std::vector<int32_t>{68});
-  // With it, `b` is taken.
-  EXPECT_EQ(WaitAny(*set_, b.data(), 70, 1000, 1).indices, std::vector<int32_t>{68});
-}
+  EXPECT_EQ(WaitAny(set, b.data(), 70, 1000, 0), Indices{68});
+  EXPECT_EQ(WaitAny(set, b.data(), 70, 1000, 1), Indices{68});
 
-// A helper's handle that becomes signalled while a timed-out call calls its
-// helpers off is either reported or left signalled: never lost.
-TEST_F(WaitHandleSetTest, SignalAroundTheCancelIsNeverLost) {
-  EventRow events(130, 0);
-  int reported = 0;
+  // A helper's handle signalled while a timed-out call calls the helpers off
+  // is either reported or left signalled: never lost.
   for (int round = 0; round < 300; ++round) {
     const int32_t index = 64 + round % 66;  // in a helper's group
-    SetEvent(events[index]);
-    Waited w = WaitAny(*set_, events.data(), 130, 0, round == 0);
-    if (w.result == 0) {
-      EXPECT_EQ(w.indices, std::vector<int32_t>{index});
-      ++reported;
-    } else {
-      ASSERT_EQ(w.result, 1);
-      EXPECT_EQ(WaitForSingleObject(events[index], 0), WAIT_OBJECT_0) << "lost at round " << round;
-    }
+    SetEvent(racing[index]);
+    const Indices got = WaitAny(set, racing.data(), 130, 0, round == 0);
+    if (got == timedOut)
+      ASSERT_EQ(WaitForSingleObject(racing[index], 0), WAIT_OBJECT_0) << "lost at round " << round;
+    else
+      ASSERT_EQ(got, Indices{index}) << round;
   }
-  RecordProperty("reported", reported);
-}
 
-TEST_F(WaitHandleSetTest, WaitAllAcrossHelpers) {
-  EventRow events(100, 1);
-  int32_t out[100];
-  int32_t count = 0;
-  for (int i = 0; i < 100; ++i) SetEvent(events[i]);
-  EXPECT_EQ(set_->WaitForMultipleObjectsExpand(events.data(), 100, INFINITE, out, &count, 1, 1), 0);
-  // The set is reusable at once for the other mode.
-  Waited w = WaitAny(*set_, events.data(), 100, 0, 0);
-  EXPECT_EQ(w.indices.size(), 100u);
-}
-
-TEST_F(WaitHandleSetTest, FailuresDirectAndInAHelper) {
+  // A bad handle fails the wait, direct or in a helper's group (reported).
   DiagnosticsCapture capture;
-  EventRow events(70, 0);
-  std::vector<HANDLE> handles(events.handles);
-  // Direct path: a bad handle fails (2), not a timeout.
+  std::vector<HANDLE> handles(a.handles);
   handles[3] = FakeHandle();
-  EXPECT_EQ(WaitAny(*set_, handles.data(), 10, 0, 1).result, 2);
-  // In a helper's group: reported, and the group counts as failed.
-  handles[3] = events[3];
+  EXPECT_EQ(WaitAny(set, handles.data(), 10, 0, 1), failed);
+  handles[3] = a[3];
   handles[68] = FakeHandle();
-  EXPECT_EQ(WaitAny(*set_, handles.data(), 70, 50, 1).result, 2);
-  std::vector<std::string> reports = capture.Reports();
-  ASSERT_FALSE(reports.empty());
-  EXPECT_NE(reports[0].find("File: \"codelib/winutil/source/WaitForMultipleObjectsExpand(151)\""),
+  EXPECT_EQ(WaitAny(set, handles.data(), 70, 50, 1), failed);
+  ASSERT_FALSE(capture.Reports().empty());
+  EXPECT_NE(capture.Reports()[0].find("File: \"codelib/winutil/source/WaitForMultipleObjectsExpand(151)\""),
             std::string::npos);
-  EXPECT_NE(reports[0].find("Expression: (false)"), std::string::npos);
-  // With the failing group still there, a signalled handle elsewhere is
-  // reported unless the failed helper's result wins the main wait (it stands
-  // at a lower index): which of the two comes first is a matter of timing.
-  SetEvent(events[3]);
-  Waited w = WaitAny(*set_, handles.data(), 70, 1000, 0);
-  ASSERT_TRUE(w.result == 0 || w.result == 2) << w.result;
-  if (w.result == 0) {
-    EXPECT_EQ(w.indices, std::vector<int32_t>{3});
-  }
-  // Once the group is sound again, the same wait reports the handle.
-  handles[68] = events[68];
-  SetEvent(events[3]);
-  w = WaitAny(*set_, handles.data(), 70, 1000, 1);
-  EXPECT_EQ(w.result, 0);
-  EXPECT_EQ(w.indices, std::vector<int32_t>{3});
+  EXPECT_NE(capture.Reports()[0].find("Expression: (false)"), std::string::npos);
+  // With the failing group still there, the failed helper's result (at a lower
+  // index) may win the main wait over a handle signalled elsewhere.
+  SetEvent(a[3]);
+  const Indices got = WaitAny(set, handles.data(), 70, 1000, 0);
+  EXPECT_TRUE(got == failed || got == Indices{3}) << got[0];
+  handles[68] = a[68];  // sound again
+  SetEvent(a[3]);
+  EXPECT_EQ(WaitAny(set, handles.data(), 70, 1000, 1), Indices{3});
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Diagnostics.h"
+#include "OSTime.h"
 #include "WaitableObject.h"
 
 // A row of events, closed at the end of the scope.
@@ -29,8 +30,7 @@ struct EventRow {
   const HANDLE* data() const { return handles.data(); }
 };
 
-// Raises the descriptor limit so that `needed` objects fit; false if the hard
-// limit does not allow it.
+// Raises the descriptor limit so that `needed` objects fit.
 inline bool EnsureDescriptors(rlim_t needed) {
   rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
@@ -57,16 +57,14 @@ class DiagnosticsCapture {
     SetAssertHandler(nullptr, nullptr);
     SetDebugSink(nullptr, nullptr);
   }
-  std::vector<std::string> Reports() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return reports_;
-  }
-  std::vector<std::string> Lines() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return lines_;
-  }
+  std::vector<std::string> Reports() { return Copy(reports_); }
+  std::vector<std::string> Lines() { return Copy(lines_); }
 
  private:
+  std::vector<std::string> Copy(const std::vector<std::string>& v) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return v;
+  }
   static int32_t OnReport(const char* report, void* context) {
     auto* self = static_cast<DiagnosticsCapture*>(context);
     std::lock_guard<std::mutex> guard(self->mutex_);
@@ -79,18 +77,24 @@ class DiagnosticsCapture {
     self->lines_.emplace_back(line);
   }
   std::mutex mutex_;
-  std::vector<std::string> reports_;
-  std::vector<std::string> lines_;
+  std::vector<std::string> reports_, lines_;
 };
 
 // Entries of a /proc/self directory: threads ("task") or descriptors ("fd").
 inline int CountProcEntries(const char* dir) {
-  std::string path = std::string("/proc/self/") + dir;
-  DIR* d = opendir(path.c_str());
+  DIR* d = opendir((std::string("/proc/self/") + dir).c_str());
   if (d == nullptr) return -1;
   int n = 0;
   while (dirent* e = readdir(d))
     if (e->d_name[0] != '.') ++n;
   closedir(d);
   return n - (std::string(dir) == "fd" ? 1 : 0);  // the directory's own descriptor
+}
+
+// Polls `condition` every millisecond for up to ten seconds.
+template <class F>
+bool WaitUntil(F condition) {
+  for (uint32_t start = GetTickCount(); GetTickCount() - start < 10000; Sleep(1))
+    if (condition()) return true;
+  return condition();
 }
