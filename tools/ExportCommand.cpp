@@ -6,10 +6,11 @@
 // form with the key frame's SPS and PPS as extradata, which both muxers turn
 // into their own form; Motion JPEG goes into Matroska only.
 // Audio: stream 1's G.726 decoded by the library's module to 16-bit PCM at
-// 8 kHz mono, kept as PCM in Matroska and encoded to AAC (libavcodec's
-// native encoder) in MP4. The audio starts with the first picture: what
-// comes before it is cut, and audio that starts later is delayed to its
-// time. Packets of both streams go out in time order.
+// 8 kHz mono, kept as PCM in Matroska and WAV and encoded to AAC
+// (libavcodec's native encoder) in MP4. With video, the audio starts with the
+// first picture: what comes before it is cut, and audio that starts later is
+// delayed to its time. Packets of both streams go out in time order. A WAV
+// (tqfplay audio) holds the audio alone, all of it.
 #include "ExportCommand.h"
 
 #include <cstdio>
@@ -23,6 +24,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 }
@@ -40,8 +42,6 @@ constexpr AVRational VIDEO_TIME_BASE{1, 1000};  // milliseconds
 constexpr int64_t AUDIO_SAMPLES_PER_MS = G726_SAMPLE_RATE / 1000;
 constexpr AVRational AUDIO_TIME_BASE{1, G726_SAMPLE_RATE};
 constexpr int64_t AAC_BIT_RATE = 32000;
-constexpr uint8_t H264_NAL_IDR = 5;
-constexpr uint8_t H264_NAL_NON_IDR = 1;
 
 // Extensions match without regard to case (".MP4").
 bool EndsWith(const std::string& text, const char* suffix) {
@@ -49,17 +49,26 @@ bool EndsWith(const std::string& text, const char* suffix) {
   return text.size() >= n && strcasecmp(text.c_str() + text.size() - n, suffix) == 0;
 }
 
-// The Annex B prefix of an H.264 key frame up to its first slice: the SPS
-// and PPS (and any SEI) that a muxer needs as extradata. Empty if none.
+// The SPS and PPS of an H.264 key frame, which a muxer needs as extradata,
+// as libavcodec's extract_extradata filter finds them. Empty if none.
 std::vector<uint8_t> ParameterSets(const uint8_t* data, uint32_t length) {
-  for (uint32_t i = 0; i + 3 < length; ++i) {
-    if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-    uint8_t type = data[i + 3] & 0x1F;
-    if (type != H264_NAL_IDR && type != H264_NAL_NON_IDR) continue;
-    uint32_t end = i > 0 && data[i - 1] == 0 ? i - 1 : i;  // a four-byte start code
-    return std::vector<uint8_t>(data, data + end);
-  }
-  return {};
+  const AVBitStreamFilter* filter = av_bsf_get_by_name("extract_extradata");
+  AVBSFContext* raw = nullptr;
+  if (filter == nullptr || av_bsf_alloc(filter, &raw) < 0) return {};
+  BsfPtr bsf(raw);
+  PacketPtr packet(av_packet_alloc());
+  bsf->par_in->codec_type = AVMEDIA_TYPE_VIDEO;
+  bsf->par_in->codec_id = AV_CODEC_ID_H264;
+  if (!packet || av_bsf_init(bsf.get()) < 0 || av_new_packet(packet.get(), static_cast<int>(length)) < 0)
+    return {};
+  std::memcpy(packet->data, data, length);
+  packet->flags = AV_PKT_FLAG_KEY;
+  if (av_bsf_send_packet(bsf.get(), packet.get()) < 0 ||
+      av_bsf_receive_packet(bsf.get(), packet.get()) < 0)
+    return {};
+  size_t size = 0;
+  const uint8_t* sets = av_packet_get_side_data(packet.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
+  return sets != nullptr ? std::vector<uint8_t>(sets, sets + size) : std::vector<uint8_t>{};
 }
 
 struct FormatContextFree {
@@ -72,7 +81,8 @@ struct FormatContextFree {
 // One export: the source, the muxer and, for MP4, the AAC encoder.
 class Exporter {
  public:
-  Exporter(MediaSource& source, const char* outPath) : source_(source), outPath_(outPath) {}
+  Exporter(MediaSource& source, const char* outPath, ExportFormat format)
+      : source_(source), outPath_(outPath), format_(format), mp4_(format == ExportFormat::MP4) {}
 
   // The whole export; after a failure, no part of the output file is left.
   bool Run(std::string* error) {
@@ -85,10 +95,10 @@ class Exporter {
     return done;
   }
 
-  uint32_t VideoPackets() const { return videoWritten_; }
-  double VideoSeconds() const { return videoEndMs_ / 1000.0; }
-  int64_t AudioSamples() const { return audioWritten_; }
-  bool TimedByStamps() const { return timeline_->FromStamps(); }
+  ExportSummary Summary() const {
+    return {videoWritten_, videoEndMs_ / 1000.0, audioWritten_,
+            timeline_.has_value() && timeline_->FromStamps()};
+  }
 
  private:
   bool Fail(std::string* error, const std::string& what, int code) {
@@ -97,20 +107,18 @@ class Exporter {
   }
 
   bool OpenMuxer(std::string* error) {
-    mp4_ = EndsWith(outPath_, ".mp4");
-    if (!mp4_ && !EndsWith(outPath_, ".mkv")) {
-      *error = "the output must end in .mp4 or .mkv";
-      return false;
-    }
+    static const char* const MUXERS[] = {"mp4", "matroska", "wav"};  // by ExportFormat
     AVFormatContext* muxer = nullptr;
-    int result = avformat_alloc_output_context2(&muxer, nullptr, mp4_ ? "mp4" : "matroska",
-                                                outPath_.c_str());
+    int result = avformat_alloc_output_context2(
+        &muxer, nullptr, MUXERS[static_cast<int>(format_)], outPath_.c_str());
     if (result < 0) return Fail(error, "muxer", result);
     muxer_.reset(muxer);
+    muxer_->flags |= AVFMT_FLAG_BITEXACT;  // no writer's tag: a plain 44-byte WAV header
     return true;
   }
 
   bool AddVideo(std::string* error) {
+    if (format_ == ExportFormat::WAV) return true;
     if (!source_.HasVideo()) {
       *error = "the file has no video frames";
       return false;
@@ -176,8 +184,10 @@ class Exporter {
     // Where the audio's first sample falls against the first picture: the
     // audio's stamp (milliseconds too) when the video is timed by stamps,
     // else the start of the file.
-    const int64_t audioStartMs = timeline_->FromStamps() ? source_.AudioStamp(0) : 0;
-    audioSamples_ = (audioStartMs - timeline_->OriginMs()) * AUDIO_SAMPLES_PER_MS;
+    if (timeline_.has_value()) {
+      const int64_t audioStartMs = timeline_->FromStamps() ? source_.AudioStamp(0) : 0;
+      audioSamples_ = (audioStartMs - timeline_->OriginMs()) * AUDIO_SAMPLES_PER_MS;
+    }
     aacPts_ = std::max<int64_t>(audioSamples_, 0);
     audioStream_ = avformat_new_stream(muxer_.get(), nullptr);
     if (audioStream_ == nullptr) return Fail(error, "audio stream", AVERROR(ENOMEM));
@@ -226,7 +236,8 @@ class Exporter {
 
   // Video frames in order, each after the audio that comes before it.
   bool WritePackets(std::string* error) {
-    for (uint32_t frame = firstFrame_; frame < source_.VideoFrames(); ++frame) {
+    for (uint32_t frame = firstFrame_; timeline_.has_value() && frame < source_.VideoFrames();
+         ++frame) {
       const size_t i = frame - firstFrame_;
       // Audio up to this frame's decode time, in samples.
       if (!WriteAudioUntil(timeline_->Dts(i) * AUDIO_SAMPLES_PER_MS, error) ||
@@ -351,7 +362,8 @@ class Exporter {
 
   MediaSource& source_;
   std::string outPath_;
-  bool mp4_ = false;
+  ExportFormat format_;
+  bool mp4_;
   bool created_ = false;
   std::unique_ptr<AVFormatContext, FormatContextFree> muxer_;
   CodecContextPtr aac_;
@@ -361,7 +373,7 @@ class Exporter {
   uint32_t firstFrame_ = 0;
   uint32_t videoWritten_ = 0;
   int64_t videoEndMs_ = 0;
-  std::optional<VideoTimeline> timeline_;  // set by AddVideo
+  std::optional<VideoTimeline> timeline_;  // set by AddVideo; none in a WAV
   std::vector<int16_t> pcm_;
   std::vector<float> pending_;
   int64_t audioSamples_ = 0;  // the time of the next sample against the first picture
@@ -376,20 +388,35 @@ int RunExport(int argc, char** argv) {
   MediaSource source;
   std::string error;
   if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
-  av_log_set_level(AV_LOG_ERROR);  // the encoder's statistics are no message
-  OutputFile output;
-  if (!output.Prepare(paths[1], {paths[0]}, WriteAccess::SEEKING, &error)) return CommandError(NAME, "%s", error.c_str());
-  Exporter exporter(source, output.WritePath());
-  if (!exporter.Run(&error)) return CommandError(NAME, "%s", error.c_str());
-  if (!output.Commit(&error)) return CommandError(NAME, "%s", error.c_str());
+  std::optional<ExportFormat> format;
+  if (EndsWith(paths[1], ".mp4")) format = ExportFormat::MP4;
+  if (EndsWith(paths[1], ".mkv")) format = ExportFormat::MKV;
+  ExportSummary summary;
+  if (!ExportMedia(source, paths[1], {paths[0]}, format, &summary, &error))
+    return CommandError(NAME, "%s", error.c_str());
   std::fprintf(stderr, "%s: %s: %s (%.2f s, %s), %.2f s of audio\n", NAME, paths[1],
-               Count(exporter.VideoPackets(), "video frame").c_str(), exporter.VideoSeconds(),
-               exporter.TimedByStamps() ? "timed by their stamps" : "40 ms a frame",
-               exporter.AudioSamples() / static_cast<double>(G726_SAMPLE_RATE));
+               Count(summary.videoPackets, "video frame").c_str(), summary.videoSeconds,
+               summary.timedByStamps ? "timed by their stamps" : "40 ms a frame",
+               summary.audioSamples / static_cast<double>(G726_SAMPLE_RATE));
   return 0;
 }
 
 }  // namespace
+
+bool ExportMedia(MediaSource& source, const char* path, std::initializer_list<const char*> inputs,
+                 std::optional<ExportFormat> format, ExportSummary* summary, std::string* error) {
+  av_log_set_level(AV_LOG_ERROR);  // the encoder's statistics are no message
+  OutputFile output;
+  if (!output.Prepare(path, inputs, WriteAccess::SEEKING, error)) return false;
+  if (!format.has_value()) {  // checked after the output, whose refusals come first
+    *error = "the output must end in .mp4 or .mkv";
+    return false;
+  }
+  Exporter exporter(source, output.WritePath(), *format);
+  if (!exporter.Run(error) || !output.Commit(error)) return false;
+  *summary = exporter.Summary();
+  return true;
+}
 
 extern const Command EXPORT_COMMAND = {
     NAME, "remux to MP4 or MKV, the audio decoded (AAC or PCM)",
