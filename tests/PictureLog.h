@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "OSTime.h"
+#include "wait_test_support.h"
 
 struct Picture {
   int32_t handle, size, width, height, format, rate;
@@ -55,13 +56,4 @@ inline int32_t LogPicture(int32_t handle, uint8_t* picture, int32_t size, int32_
   if (g_pictures.onPicture) g_pictures.onPicture(p);
   g_pictures.inCallback = false;
   return 0;
-}
-
-// Polls `condition` until it holds or twenty seconds pass.
-inline bool Eventually(const std::function<bool()>& condition) {
-  for (uint32_t start = GetTickCount(); GetTickCount() - start < 20000;) {
-    if (condition()) return true;
-    Sleep(1);
-  }
-  return condition();
 }

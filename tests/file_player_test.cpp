@@ -5,13 +5,11 @@
 
 #include <cstdio>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "CountingDecoder.h"
-#include "Diagnostics.h"
 #include "FilePlayer.h"
 #include "JPEGDecoder.h"
 #include "PictureLog.h"
@@ -22,32 +20,19 @@ using namespace tqftest;
 
 namespace {
 
-struct Lines {
-  std::mutex mutex;
-  std::vector<std::string> items;
-  static void Sink(const char* line, void* context) {
-    auto* self = static_cast<Lines*>(context);
-    std::lock_guard<std::mutex> guard(self->mutex);
-    self->items.emplace_back(line);
-  }
-  size_t Count(const std::string& line) {
-    std::lock_guard<std::mutex> guard(mutex);
-    size_t n = 0;
-    for (const auto& l : items) n += l == line;
-    return n;
-  }
-};
-
 class FilePlayerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_pictures.Reset();
-    SetDebugSink(Lines::Sink, &lines_);
-  }
+  void SetUp() override { g_pictures.Reset(); }
   void TearDown() override {
     for (int32_t h : handles_) manager_.CloseFile(h);
-    SetDebugSink(nullptr, nullptr);
     for (const auto& p : paths_) std::remove(p.c_str());
+    EXPECT_TRUE(capture_.Reports().empty());  // no broken assertion on any path
+  }
+  // How often the file player's end line was written.
+  size_t Ends() {
+    size_t n = 0;
+    for (const std::string& line : capture_.Lines()) n += line == "PostMessage(): wnd=0, msg=0";
+    return n;
   }
 
   // Writes a file of `count` frames; frame i has stamp 100 + i, payload id i,
@@ -98,24 +83,20 @@ class FilePlayerTest : public ::testing::Test {
     for (int i = from; i <= to; ++i) r.push_back(i);
     return r;
   }
-  std::vector<int> DecodedFrames() {
-    return decoder_->Ids();
-  }
+  std::vector<int> DecodedFrames() { return decoder_->Ids(); }
 
   PlayerManager manager_;
-  Lines lines_;
+  DiagnosticsCapture capture_;
   CountingDecoder* decoder_ = nullptr;
   std::vector<std::string> paths_;
   std::vector<int32_t> handles_;
 };
 
-const std::string END_LINE = "PostMessage(): wnd=0, msg=0";
-
 TEST_F(FilePlayerTest, PlaysFromTheFirstKeyFrameToTheSecondLastFrameAndRewinds) {
   int32_t h = Open(WriteFile(12, [](int i) { return i == 3 || i == 8; }));
   ASSERT_GE(h, 0);
   ASSERT_EQ(manager_.Play(h, LogPicture, 77), 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_EQ(ShownFrames(), Range(3, 10));  // frames 0-2 are walked, not read
   EXPECT_EQ(DecodedFrames(), Range(3, 10));
   const auto items = g_pictures.Items();
@@ -126,39 +107,39 @@ TEST_F(FilePlayerTest, PlaysFromTheFirstKeyFrameToTheSecondLastFrameAndRewinds) 
     EXPECT_EQ(p.format, 5);
     EXPECT_EQ(p.rate, 25);
   }
-  EXPECT_EQ(lines_.Count(END_LINE), 1u);
+  EXPECT_EQ(Ends(), 1u);
   EXPECT_EQ(PlayTime(h), 0u);
 
   // A new play starts again from frame 0, with no new wait for a key frame.
   g_pictures.Reset();
   manager_.Play(h, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_EQ(ShownFrames(), Range(0, 10));
-  EXPECT_EQ(lines_.Count(END_LINE), 2u);
+  EXPECT_EQ(Ends(), 2u);
 }
 
 TEST_F(FilePlayerTest, FileWithoutKeyFramesPlaysNothingAndNeverEnds) {
   int32_t h = Open(WriteFile(5, [](int) { return false; }));
   manager_.Play(h, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return Player(h)->frameIndex.load() > 100; }));
+  ASSERT_TRUE(WaitUntil([&] { return Player(h)->frameIndex.load() > 100; }));
   EXPECT_TRUE(Playing(h));
   EXPECT_EQ(g_pictures.Count(), 0u);
   EXPECT_EQ(decoder_->decodes.load(), 0);
-  EXPECT_EQ(lines_.Count(END_LINE), 0u);
+  EXPECT_EQ(Ends(), 0u);
 }
 
 TEST_F(FilePlayerTest, SingleIndexedFrameIsDeliveredThenTheFileEnds) {
   int32_t h = Open(WriteFile(2, [](int) { return true; }));
   manager_.Play(h, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_EQ(ShownFrames(), Range(0, 0));
-  EXPECT_EQ(lines_.Count(END_LINE), 1u);
+  EXPECT_EQ(Ends(), 1u);
 }
 
 TEST_F(FilePlayerTest, WithoutCallbackItDecodesToTheEndAndStops) {
   int32_t h = Open(WriteFile(30, [](int i) { return i % 10 == 0; }));
   manager_.Play(h, nullptr, 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_EQ(DecodedFrames(), Range(0, 28));
 }
 
@@ -168,12 +149,12 @@ TEST_F(FilePlayerTest, StopThenPlayContinuesWithTheNextFrame) {
     if (p.id == 9) manager_.Stop(h);  // from inside the callback
   };
   manager_.Play(h, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_EQ(ShownFrames(), Range(0, 9));  // the pass finished; the next one idled
   EXPECT_EQ(Player(h)->frameIndex.load(), 10);
   g_pictures.onPicture = nullptr;
   manager_.Play(h, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_EQ(ShownFrames(), Range(0, 38));
 }
 
@@ -183,7 +164,7 @@ TEST_F(FilePlayerTest, SecondPlayOnlyReplacesTheCallbackAndUserValue) {
     if (p.id == 5) manager_.Play(h, LogPicture, 2);
   };
   manager_.Play(h, LogPicture, 1);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   const auto items = g_pictures.Items();
   ASSERT_EQ(ShownFrames(), Range(0, 38));  // no jump
   EXPECT_EQ(items[5].user, 1u);
@@ -194,7 +175,7 @@ TEST_F(FilePlayerTest, CloseWaitsForTheCallbackAndEndsAPausedPlayer) {
   int32_t h = Open(WriteFile(40, [](int i) { return i == 0; }));
   g_pictures.blockMs = 200;
   manager_.Play(h, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.inCallback.load(); }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.inCallback.load(); }));
   ASSERT_EQ(manager_.CloseFile(h), 0);
   EXPECT_FALSE(g_pictures.inCallback.load());
   handles_.clear();
@@ -289,10 +270,10 @@ TEST_F(FilePlayerTest, LargeFilePlaysAndSeeksAndACutEndsIt) {
   EXPECT_EQ(DecodedFrames(), Range(0, 50));
   g_pictures.blockMs = 20;
   ASSERT_EQ(manager_.Play(h, LogPicture, 0), 0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() >= 3; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() >= 3; }));
   EXPECT_EQ(g_pictures.Items()[0].id, 75);  // the first key frame the passes meet
   ASSERT_EQ(truncate(path.c_str(), 4096), 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h); }));
   EXPECT_LT(g_pictures.Count(), 49u);
   EXPECT_EQ(manager_.SetPlayTime(h, 3), 0);
 }
@@ -320,7 +301,7 @@ TEST_F(FileSeek, OneSecondIsFrame25AndTheNextPassTakes26) {
   // This player never met a key frame: the walk to the next one stays in
   // force, although the decoder was fed up to frame 25.
   manager_.Play(h_, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() >= 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() >= 1; }));
   EXPECT_EQ(g_pictures.Items()[0].id, 50);
 }
 
@@ -361,7 +342,7 @@ TEST_F(FileSeek, SeekWhilePausedThenPlayAndFromInsideTheCallback) {
     if (p.id == 2) manager_.Stop(h_);
   };
   manager_.Play(h_, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return !Playing(h_); }));
+  ASSERT_TRUE(WaitUntil([&] { return !Playing(h_); }));
   ASSERT_EQ(Seek(10), 0);  // frame 250, while paused: nothing is shown
   EXPECT_EQ(ShownFrames(), Range(0, 2));
 
@@ -370,7 +351,7 @@ TEST_F(FileSeek, SeekWhilePausedThenPlayAndFromInsideTheCallback) {
     if (p.id == 252) manager_.SetPlayTime(h_, 30);  // frame 750, from the callback
   };
   manager_.Play(h_, LogPicture, 0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() >= 4; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() >= 4; }));
   const std::vector<int> shown = ShownFrames();
   EXPECT_EQ(std::vector<int>(shown.begin(), shown.begin() + 4), (std::vector<int>{251, 252, 751, 752}));
 }

@@ -144,7 +144,7 @@ TEST_F(StreamPlayerTest, UnknownFourCCOpensQueuesAndDrainsWithoutCallingBack) {
   EXPECT_EQ(Player(h)->videoDecoder, nullptr);
   ASSERT_EQ(manager_.Play(h, LogPicture, 1), 0);
   for (int i = 0; i < 50; ++i) Feed(h, Frame(Info(500, i == 0 ? KEY : 0, i % 2), i, Payload(500)));
-  EXPECT_TRUE(Eventually([&] {
+  EXPECT_TRUE(WaitUntil([&] {
     return Player(h)->videoQueue.GetBufferCount() == 0 && Player(h)->audioQueue.GetBufferCount() == 0;
   }));
   EXPECT_EQ(g_pictures.Count(), 0u);
@@ -160,7 +160,7 @@ TEST_F(StreamPlayerTest, InputWhileNotPlayingIsDroppedUnseen) {
   EXPECT_EQ(manager_.InputData(h, nullptr, -1), -1);
   EXPECT_EQ(Player(h)->parseLength, 0);
   Feed(h, Frame(Info(10, KEY, 0), 2, Payload(10)));
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() == 1; }));
   EXPECT_EQ(g_pictures.Items()[0].stamp, 2u);
 }
 
@@ -179,7 +179,7 @@ TEST_F(StreamPlayerTest, EveryFrameIsDeliveredInOrderWithItsArguments) {
     ASSERT_EQ(manager_.InputData(h, stream.data() + at, static_cast<int32_t>(n)), 0);
     at += n;
   }
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() == 300; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() == 300; }));
   const std::vector<Picture> items = g_pictures.Items();
   for (uint32_t i = 0; i < 300; ++i) {
     const Picture& d = items[i];
@@ -205,8 +205,8 @@ TEST_F(StreamPlayerTest, ZeroTailedFramesAreNotDecoded) {
   oneByte[95] = 1;  // a single non-zero byte among the last eight
   Feed(h, Frame(Info(100, KEY, 0), 1, zeroTail));
   Feed(h, Frame(Info(100, 0, 0), 2, oneByte));
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() == 1; }));
-  EXPECT_TRUE(Eventually([&] { return Player(h)->videoQueue.GetBufferCount() == 0; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return Player(h)->videoQueue.GetBufferCount() == 0; }));
   EXPECT_EQ(decoder->decodes.load(), 1);
   EXPECT_EQ(g_pictures.Items()[0].stamp, 2u);
 }
@@ -216,7 +216,7 @@ TEST_F(StreamPlayerTest, NoCallbackStillDecodesAndDrains) {
   int32_t h = OpenCounted(&decoder);
   manager_.Play(h, nullptr, 0);
   for (int i = 0; i < 20; ++i) Feed(h, Frame(Info(64, KEY, 0), i, Payload(64)));
-  EXPECT_TRUE(Eventually([&] { return decoder->decodes.load() == 20; }));
+  EXPECT_TRUE(WaitUntil([&] { return decoder->decodes.load() == 20; }));
   EXPECT_EQ(g_pictures.Count(), 0u);
 }
 
@@ -227,9 +227,9 @@ TEST_F(StreamPlayerTest, QueuedFramesAreStillDeliveredAfterStop) {
   g_pictures.blockMs = 20;
   for (int i = 0; i < 10; ++i) Feed(h, Frame(Info(64, KEY, 0), i, Payload(64)));
   ASSERT_EQ(manager_.Stop(h), 0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.Count() == 10; }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.Count() == 10; }));
   EXPECT_EQ(Feed(h, Frame(Info(64, KEY, 0), 99, Payload(64))), 0);  // dropped
-  EXPECT_TRUE(Eventually([&] { return Player(h)->videoQueue.GetBufferCount() == 0; }));
+  EXPECT_TRUE(WaitUntil([&] { return Player(h)->videoQueue.GetBufferCount() == 0; }));
   EXPECT_EQ(g_pictures.Count(), 10u);
 }
 
@@ -239,7 +239,7 @@ TEST_F(StreamPlayerTest, CloseWaitsForALongCallbackAndNothingFollowsIt) {
   manager_.Play(h, LogPicture, 0);
   g_pictures.blockMs = 300;
   for (int i = 0; i < 5; ++i) Feed(h, Frame(Info(64, KEY, 0), i, Payload(64)));
-  ASSERT_TRUE(Eventually([&] { return g_pictures.inCallback.load(); }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.inCallback.load(); }));
   ASSERT_EQ(manager_.CloseStream(h), 0);
   EXPECT_FALSE(g_pictures.inCallback.load());
   const size_t atClose = g_pictures.Count();
@@ -270,7 +270,7 @@ TEST(StreamTeardown, CallbackDuringTeardownFindsEarlierHandlesGone) {
   ASSERT_EQ(manager->Play(second, LogPicture, 0), 0);
   const Bytes frame = Frame(Info(64, KEY, 0), 1, Payload(64));
   ASSERT_EQ(manager->InputData(second, frame.data(), int32_t(frame.size())), 0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.inCallback.load(); }));
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.inCallback.load(); }));
   delete manager;
   EXPECT_EQ(stopResult.load(), -1);
   g_pictures.Reset();
@@ -296,11 +296,11 @@ TEST_F(StreamPlayerTest, BlockedCallbackLosesTheOldestFramesButNotTheRecording) 
     recorded.insert(recorded.end(), f.begin(), f.end());
     ASSERT_EQ(Feed(h, f), 0);
     if (i % 100 == 99) {  // a disk that keeps up
-      ASSERT_TRUE(Eventually([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
+      ASSERT_TRUE(WaitUntil([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
     }
   }
   release = true;
-  ASSERT_TRUE(Eventually([&] { return !g_pictures.Items().empty() &&
+  ASSERT_TRUE(WaitUntil([&] { return !g_pictures.Items().empty() &&
                                       g_pictures.Items().back().id == FRAMES - 1; }));
   const std::vector<Picture> shown = g_pictures.Items();
   EXPECT_LT(shown.size(), size_t(FRAMES));
@@ -333,10 +333,10 @@ TEST_F(StreamPlayerTest, FullLiveQueueRefusesFramesButNotTheRecording) {
     const Bytes f = Frame(Info(SIZE, i == 0 ? KEY : 0, 0), i, IdPayload(SIZE, uint16_t(i)));
     recorded.insert(recorded.end(), f.begin(), f.end());
     ASSERT_EQ(Feed(h, f), 0);
-    ASSERT_TRUE(Eventually([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
   };
   feed(0);
-  ASSERT_TRUE(Eventually([&] { return g_pictures.inCallback.load(); }));  // the worker waits
+  ASSERT_TRUE(WaitUntil([&] { return g_pictures.inCallback.load(); }));  // the worker waits
   for (int i = 1; i <= 70; ++i) feed(i);
   VBufferQueue& queue = Player(h)->videoQueue;
   int32_t size = 0;
@@ -351,7 +351,7 @@ TEST_F(StreamPlayerTest, FullLiveQueueRefusesFramesButNotTheRecording) {
   ASSERT_EQ(queue.ReleaseBuffer(held, 0), 1);
   release = true;
   feed(76);
-  ASSERT_TRUE(Eventually([&] { return !g_pictures.Items().empty() &&
+  ASSERT_TRUE(WaitUntil([&] { return !g_pictures.Items().empty() &&
                                       g_pictures.Items().back().id == 76; }));
   ASSERT_EQ(manager_.StopRecord(h), 0);
   EXPECT_TRUE(ReadFile(path) == recorded);
@@ -371,8 +371,8 @@ class StreamRecording : public StreamPlayerTest {
   void FeedAndDrain(const Bytes& frame) {
     const int before = decoder_->decodes.load();
     Feed(h_, frame);
-    ASSERT_TRUE(Eventually([&] { return decoder_->decodes.load() == before + 1; }));
-    ASSERT_TRUE(Eventually([&] { return Player(h_)->recordQueue.GetBufferCount() == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return decoder_->decodes.load() == before + 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return Player(h_)->recordQueue.GetBufferCount() == 0; }));
   }
   std::string Path(const char* name) {
     paths_.push_back(dir_ + "_" + name + ".tqf");
