@@ -2,26 +2,22 @@
 // and recording.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdio>
-#include <fstream>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <random>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "CountingDecoder.h"
-#include "wait_test_support.h"
-#include "PictureLog.h"
 #include "OSTime.h"
+#include "PictureLog.h"
 #include "PlayerManager.h"
 #include "StreamPlayer.h"
-#include "TQFReader.h"
 #include "TQFBuilder.h"
+#include "TQFReader.h"
+#include "TempFolder.h"
 
 using namespace tqftest;
 
@@ -29,11 +25,7 @@ namespace {
 
 class StreamPlayerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_pictures.Reset();
-    dir_ = ::testing::TempDir() + "streamplayer_" + std::to_string(getpid()) + "_" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name();
-  }
+  void SetUp() override { g_pictures.Reset(); }
   int32_t Open(const Bytes& header) {
     int32_t handle = -99;
     return manager_.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &handle) == 0
@@ -56,14 +48,10 @@ class StreamPlayerTest : public ::testing::Test {
   int32_t Feed(int32_t handle, const Bytes& bytes) {
     return manager_.InputData(handle, bytes.data(), static_cast<int32_t>(bytes.size()));
   }
-  Bytes ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
   bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+  TempFolder folder_;  // before the manager: recordings close before it goes
   PlayerManager manager_;
-  std::string dir_;
 };
 
 TEST_F(StreamPlayerTest, HeaderChecksRefuseOrAccept) {
@@ -276,8 +264,10 @@ TEST(StreamTeardown, CallbackDuringTeardownFindsEarlierHandlesGone) {
   g_pictures.Reset();
 }
 
-// A callback that blocks while a burst arrives: the queue keeps the newest
-// frames and drops the oldest, and the recording loses none.
+// A callback that blocks while a burst arrives: the live queue takes each new
+// frame by evicting the oldest; when the oldest is held by a reader it
+// cannot, and the new frame is refused with a debug line. The recording
+// loses none of them, and the stream goes on once the block is let go.
 TEST_F(StreamPlayerTest, BlockedCallbackLosesTheOldestFramesButNotTheRecording) {
   CountingDecoder* decoder;
   int32_t h = OpenCounted(&decoder);
@@ -287,75 +277,42 @@ TEST_F(StreamPlayerTest, BlockedCallbackLosesTheOldestFramesButNotTheRecording) 
     while (!release.load()) Sleep(1);
   };
   ASSERT_EQ(manager_.Play(h, LogPicture, 0), 0);
-  const std::string path = dir_ + "_burst.tqf";
+  const std::string path = folder_.File("burst.tqf");
   ASSERT_EQ(manager_.StartRecord(h, path.c_str()), 0);
-  constexpr int FRAMES = 1000;  // 64 MiB against a queue of 32
   Bytes recorded = VideoHeader("XVID", 352, 288);
-  for (int i = 0; i < FRAMES; ++i) {
+  auto feed = [&](int i) {
     const Bytes f = Frame(Info(65536, i % 25 == 0 ? KEY : 0, 0), i, IdPayload(65536, uint16_t(i)));
     recorded.insert(recorded.end(), f.begin(), f.end());
     ASSERT_EQ(Feed(h, f), 0);
-    if (i % 100 == 99) {  // a disk that keeps up
+    if (i % 50 == 49)  // a disk that keeps up
       ASSERT_TRUE(WaitUntil([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
-    }
-  }
-  release = true;
-  ASSERT_TRUE(WaitUntil([&] { return !g_pictures.Items().empty() &&
-                                      g_pictures.Items().back().id == FRAMES - 1; }));
-  const std::vector<Picture> shown = g_pictures.Items();
-  EXPECT_LT(shown.size(), size_t(FRAMES));
-  for (size_t i = 1; i < shown.size(); ++i) EXPECT_LT(shown[i - 1].id, shown[i].id);
-  for (const std::string& line : capture.Lines()) EXPECT_NE(line, "vBuf is full!\n");
-  ASSERT_EQ(manager_.StopRecord(h), 0);
-  EXPECT_TRUE(ReadFile(path) == recorded);
-  std::remove(path.c_str());
-  g_pictures.Reset();
-}
-
-// The live queue evicts its oldest frames to take a new one; when the oldest
-// is held by a reader it cannot, and the new frame is refused with a debug
-// line. The recording still gets every frame, and the stream goes on once
-// the block is let go.
-TEST_F(StreamPlayerTest, FullLiveQueueRefusesFramesButNotTheRecording) {
-  CountingDecoder* decoder;
-  int32_t h = OpenCounted(&decoder);
-  DiagnosticsCapture capture;
-  std::atomic<bool> release{false};
-  g_pictures.onPicture = [&](const Picture&) {
-    while (!release.load()) Sleep(1);
   };
-  ASSERT_EQ(manager_.Play(h, LogPicture, 0), 0);
-  const std::string path = dir_ + "_full.tqf";
-  ASSERT_EQ(manager_.StartRecord(h, path.c_str()), 0);
-  constexpr uint32_t SIZE = 500000;  // 70 of them overfill the 32 MiB queue
-  Bytes recorded = VideoHeader("XVID", 352, 288);
-  auto feed = [&](int i) {
-    const Bytes f = Frame(Info(SIZE, i == 0 ? KEY : 0, 0), i, IdPayload(SIZE, uint16_t(i)));
-    recorded.insert(recorded.end(), f.begin(), f.end());
-    ASSERT_EQ(Feed(h, f), 0);
-    ASSERT_TRUE(WaitUntil([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
+  auto refusals = [&] {
+    size_t n = 0;
+    for (const std::string& line : capture.Lines()) n += line == "vBuf is full!\n";
+    return n;
   };
-  feed(0);
-  ASSERT_TRUE(WaitUntil([&] { return g_pictures.inCallback.load(); }));  // the worker waits
-  for (int i = 1; i <= 70; ++i) feed(i);
+  constexpr int FRAMES = 1000;  // 64 MiB against a queue of 32
+  for (int i = 0; i < FRAMES; ++i) feed(i);
+  EXPECT_EQ(refusals(), 0u);
   VBufferQueue& queue = Player(h)->videoQueue;
   int32_t size = 0;
   uint8_t* held = queue.GetBuffer(nullptr, &size, nullptr);
   ASSERT_NE(held, nullptr);
   const int32_t queued = queue.GetBufferCount();
-  for (int i = 71; i <= 75; ++i) feed(i);
+  for (int i = FRAMES; i < FRAMES + 5; ++i) feed(i);
   EXPECT_EQ(queue.GetBufferCount(), queued);
-  size_t refusals = 0;
-  for (const std::string& line : capture.Lines()) refusals += line == "vBuf is full!\n";
-  EXPECT_EQ(refusals, 5u);
+  EXPECT_EQ(refusals(), 5u);
   ASSERT_EQ(queue.ReleaseBuffer(held, 0), 1);
   release = true;
-  feed(76);
+  feed(FRAMES + 5);
   ASSERT_TRUE(WaitUntil([&] { return !g_pictures.Items().empty() &&
-                                      g_pictures.Items().back().id == 76; }));
+                                     g_pictures.Items().back().id == FRAMES + 5; }));
+  const std::vector<Picture> shown = g_pictures.Items();
+  EXPECT_LT(shown.size(), size_t(FRAMES));
+  for (size_t i = 1; i < shown.size(); ++i) EXPECT_LT(shown[i - 1].id, shown[i].id);
   ASSERT_EQ(manager_.StopRecord(h), 0);
-  EXPECT_TRUE(ReadFile(path) == recorded);
-  std::remove(path.c_str());
+  EXPECT_TRUE(ReadWholeFile(path) == recorded);
   g_pictures.Reset();
 }
 
@@ -374,15 +331,8 @@ class StreamRecording : public StreamPlayerTest {
     ASSERT_TRUE(WaitUntil([&] { return decoder_->decodes.load() == before + 1; }));
     ASSERT_TRUE(WaitUntil([&] { return Player(h_)->recordQueue.GetBufferCount() == 0; }));
   }
-  std::string Path(const char* name) {
-    paths_.push_back(dir_ + "_" + name + ".tqf");
-    return paths_.back();
-  }
-  void TearDown() override {
-    manager_.CloseStream(h_);
-    for (const std::string& p : paths_) std::remove(p.c_str());
-  }
-  std::vector<std::string> paths_;
+  std::string Path(const char* name) { return folder_.File(name); }
+  void TearDown() override { manager_.CloseStream(h_); }
 
   int32_t h_ = -1;
   CountingDecoder* decoder_ = nullptr;
@@ -406,7 +356,7 @@ TEST_F(StreamRecording, FileHoldsTheHeaderAndTheFramesFromTheFirstKeyFrame) {
   const Bytes f4 = Frame(Info(90, 0, 0), 14, Payload(90, 5));
   FeedAndDrain(f4);
   ASSERT_EQ(manager_.StopRecord(h_), 0);
-  EXPECT_EQ(ReadFile(path), Concat({header_, f2, f3, f4}));
+  EXPECT_EQ(ReadWholeFile(path), Concat({header_, f2, f3, f4}));
   // The recording plays back: the reader indexes all but its last frame.
   TQFReader reader;
   ASSERT_TRUE(reader.Open(path.c_str()));
@@ -428,7 +378,7 @@ TEST_F(StreamRecording, SamePathTwiceKeepsOneFileWithoutAGap) {
   const Bytes f2 = Frame(Info(50, 0, 0), 2, Payload(50));
   FeedAndDrain(f2);
   manager_.StopRecord(h_);
-  EXPECT_EQ(ReadFile(path), Concat({header_, f1, f2}));
+  EXPECT_EQ(ReadWholeFile(path), Concat({header_, f1, f2}));
 }
 
 TEST_F(StreamRecording, AnotherPathClosesTheFirstAndStartsAtTheNextKeyFrame) {
@@ -437,13 +387,13 @@ TEST_F(StreamRecording, AnotherPathClosesTheFirstAndStartsAtTheNextKeyFrame) {
   const Bytes f1 = Frame(Info(50, KEY, 0), 1, Payload(50));
   FeedAndDrain(f1);
   manager_.StartRecord(h_, second.c_str());
-  EXPECT_EQ(ReadFile(first), Concat({header_, f1}));  // closed at once, complete
+  EXPECT_EQ(ReadWholeFile(first), Concat({header_, f1}));  // closed at once, complete
   const Bytes f2 = Frame(Info(50, 0, 0), 2, Payload(50));
   const Bytes f3 = Frame(Info(50, KEY, 0), 3, Payload(50));
   FeedAndDrain(f2);
   FeedAndDrain(f3);
   manager_.StopRecord(h_);
-  EXPECT_EQ(ReadFile(second), Concat({header_, f3}));
+  EXPECT_EQ(ReadWholeFile(second), Concat({header_, f3}));
 }
 
 TEST_F(StreamRecording, StopBeforeAnyVideoFrameCreatesNoFile) {
@@ -460,7 +410,7 @@ TEST_F(StreamRecording, StretchWithoutKeyFrameLeavesTheHeaderAlone) {
   manager_.StartRecord(h_, path.c_str());
   FeedAndDrain(Frame(Info(50, 0, 0), 2, Payload(50)));
   manager_.StopRecord(h_);
-  EXPECT_EQ(ReadFile(path), header_);
+  EXPECT_EQ(ReadWholeFile(path), header_);
 }
 
 TEST_F(StreamRecording, NotPlayingIgnoresStartAndStopAndCloseEndsTheFile) {
@@ -478,7 +428,7 @@ TEST_F(StreamRecording, NotPlayingIgnoresStartAndStopAndCloseEndsTheFile) {
   EXPECT_EQ(manager_.StopRecord(h_), 0);  // no effect while stopped
   EXPECT_TRUE(Player(h_)->recording.load());
   ASSERT_EQ(manager_.CloseStream(h_), 0);  // closes the file
-  EXPECT_EQ(ReadFile(trap), Concat({header_, f}));
+  EXPECT_EQ(ReadWholeFile(trap), Concat({header_, f}));
 }
 
 // A device that fails its writes: each lost frame is told in a debug line.
@@ -493,7 +443,7 @@ TEST_F(StreamRecording, FailedWritesAreToldInADebugLine) {
 }
 
 TEST_F(StreamRecording, PathThatCannotBeCreatedIsRetriedAtEveryVideoFrame) {
-  const std::string folder = dir_ + "_later";
+  const std::string folder = folder_.File("later");
   const std::string path = folder + "/rec.tqf";
   manager_.StartRecord(h_, path.c_str());
   FeedAndDrain(Frame(Info(50, KEY, 0), 1, Payload(50)));
@@ -503,9 +453,7 @@ TEST_F(StreamRecording, PathThatCannotBeCreatedIsRetriedAtEveryVideoFrame) {
   const Bytes f = Frame(Info(50, KEY, 0), 2, Payload(50));
   FeedAndDrain(f);
   manager_.StopRecord(h_);
-  EXPECT_EQ(ReadFile(path), Concat({header_, f}));
-  std::remove(path.c_str());
-  rmdir(folder.c_str());
+  EXPECT_EQ(ReadWholeFile(path), Concat({header_, f}));
 }
 
 }  // namespace
