@@ -6,14 +6,15 @@
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
-#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "TQFFormat.h"
 #include "TQFPlay.h"
+#include "TempFolder.h"
 
 namespace {
 
@@ -134,10 +135,10 @@ TEST_F(LibraryExports, FailedOpensLeaveTheOutHandleUnwritten) {
   EXPECT_EQ(openFile("/nonexistent/file.tqf", &handle), -1);
   // What is not a regular file is refused at once: a FIFO with no writer
   // would otherwise block the open, and with it every player of the process.
-  const std::string fifo = ::testing::TempDir() + "exports_fifo_" + std::to_string(getpid());
+  TempFolder folder;
+  const std::string fifo = folder.File("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   EXPECT_EQ(openFile(fifo.c_str(), &handle), -1);
-  unlink(fifo.c_str());
   EXPECT_EQ(handle, -77);
 }
 
@@ -151,9 +152,8 @@ int32_t CountPicture(int32_t, uint8_t*, int32_t, int32_t, int32_t, uint32_t, int
 // Installed under a folder path of hundreds of characters, the library still
 // finds its plugins beside itself and opens files by such paths.
 TEST(LibraryInstall, WorksUnderAPathLongerThanTwoHundredSixtyCharacters) {
-  std::string folder = ::testing::TempDir() + "long_" + std::to_string(getpid());
-  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
-  const std::string top = folder;
+  TempFolder top;
+  std::string folder = top.path();
   while (folder.size() < 320) {
     folder += "/" + std::string(50, 'p');
     ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
@@ -173,19 +173,12 @@ TEST(LibraryInstall, WorksUnderAPathLongerThanTwoHundredSixtyCharacters) {
   EXPECT_GE(g_pictures.load(), 10);  // JPEG pictures: the plugin was found
   reinterpret_cast<int32_t (*)()>(get("TQ_Free"))();
   dlclose(lib);
-  ASSERT_EQ(system(("rm -rf '" + top + "'").c_str()), 0);
 }
 
-std::vector<uint8_t> DemoBytes() {
-  std::ifstream in(std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf", std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::vector<uint8_t> DemoBytes() { return ReadWholeFile(std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf"); }
 
-uint32_t HeaderSize(const std::vector<uint8_t>& bytes) {
-  uint32_t length;
-  memcpy(&length, bytes.data() + 4, 4);
-  return length + 8;
-}
+// The header block's size: its length word and the eight bytes before it.
+uint32_t HeaderSize(const std::vector<uint8_t>& bytes) { return LoadU32(bytes.data() + 4) + 8; }
 
 TEST_F(LibraryExports, HandlesCountFromZeroSkipRefusalsAndRestartAfterFree) {
   auto initial = lib_.Get<int32_t()>("TQ_Initial");
@@ -202,6 +195,10 @@ TEST_F(LibraryExports, HandlesCountFromZeroSkipRefusalsAndRestartAfterFree) {
   EXPECT_EQ(openFile("/nonexistent.tqf", &h), -1);
   ASSERT_EQ(openFile(demoPath.c_str(), &h), 0);
   EXPECT_EQ(h, 3);
+  // Kinds are kept apart: a stream has no play time, and each closes by its own call.
+  uint32_t seconds = 0;
+  EXPECT_EQ(lib_.Get<int32_t(int32_t, uint32_t*)>("TQ_GetPlayTime")(0, &seconds), -1);
+  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_Stop")(0), 0);
   EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseStream")(3), -1);  // a file's handle
   EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseFile")(0), -1);    // a stream's handle
   EXPECT_EQ(release(), 0);  // closes both players

@@ -105,27 +105,6 @@ TEST_F(StreamPlayerTest, ShortDescriptorRecordReadsOnIntoTheNextRecord) {
   EXPECT_EQ(memcmp(Player(h)->descriptor, desc.data(), 12), 0);
 }
 
-TEST_F(StreamPlayerTest, HandleNumbersAreUsedUpByRefusedOpens) {
-  const Bytes good = VideoHeader("XVID", 352, 288);
-  int32_t handle = -5;
-  EXPECT_EQ(manager_.OpenStream(good.data(), static_cast<uint32_t>(good.size()), &handle), 0);
-  EXPECT_EQ(handle, 0);
-  EXPECT_EQ(manager_.OpenStream(good.data(), 15, &handle), -1);
-  Bytes bad = good;
-  bad[1] = 'X';
-  EXPECT_EQ(manager_.OpenStream(bad.data(), static_cast<uint32_t>(bad.size()), &handle), -1);
-  EXPECT_EQ(manager_.OpenFile("/nonexistent.tqf", &handle), -1);
-  EXPECT_EQ(handle, 0);
-  EXPECT_EQ(manager_.OpenStream(good.data(), static_cast<uint32_t>(good.size()), &handle), 0);
-  EXPECT_EQ(handle, 4);
-  // Kinds are kept apart.
-  EXPECT_EQ(manager_.CloseFile(4), -1);
-  EXPECT_EQ(manager_.GetPlayTime(4, nullptr), -1);
-  EXPECT_EQ(manager_.CloseStream(0), 0);
-  EXPECT_EQ(manager_.CloseStream(0), -1);
-  EXPECT_EQ(manager_.Stop(4), 0);
-}
-
 TEST_F(StreamPlayerTest, UnknownFourCCOpensQueuesAndDrainsWithoutCallingBack) {
   int32_t h = Open(VideoHeader("XVID", 352, 288));
   ASSERT_GE(h, 0);
