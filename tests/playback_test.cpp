@@ -3,7 +3,6 @@
 // with their stamps, that decoding the frames one by one gives.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
@@ -13,6 +12,8 @@
 #include "OSTime.h"
 #include "PlayerManager.h"
 #include "TQFReader.h"
+#include "TempFolder.h"
+#include "wait_test_support.h"
 
 namespace {
 
@@ -45,9 +46,7 @@ size_t ShownCount() {
 }
 
 bool WaitForCount(size_t n) {
-  for (uint32_t start = GetTickCount(); GetTickCount() - start < 60000; Sleep(2))
-    if (ShownCount() >= n) return true;
-  return false;
+  return WaitUntil([n] { return ShownCount() >= n; }, /*timeoutMs=*/60000);  // real time, sanitized
 }
 
 struct Sample {
@@ -86,11 +85,6 @@ class Playback : public ::testing::TestWithParam<Sample> {
     ReleaseDecoder(decoder);
     return shown;
   }
-  std::vector<uint8_t> Bytes() {
-    std::ifstream in(path_, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-
   std::string path_;
   PlayerManager manager_;
 };
@@ -105,9 +99,8 @@ TEST_P(Playback, FileAndStreamDeliverTheFrameByFramePictures) {
   ASSERT_TRUE(WaitForCount(reference.size()));
   // The pass after the last frame ends the file: the position goes back to 0.
   uint32_t seconds = 1;
-  for (uint32_t start = GetTickCount(); seconds != 0 && GetTickCount() - start < 60000; Sleep(1))
-    manager_.GetPlayTime(file, &seconds);
-  EXPECT_EQ(seconds, 0u);
+  EXPECT_TRUE(WaitUntil([&] { return manager_.GetPlayTime(file, &seconds) == 0 && seconds == 0; },
+                        /*timeoutMs=*/60000));
   ASSERT_EQ(manager_.CloseFile(file), 0);
   {
     std::lock_guard<std::mutex> guard(g_mutex);
@@ -115,7 +108,7 @@ TEST_P(Playback, FileAndStreamDeliverTheFrameByFramePictures) {
     g_shown.clear();
   }
 
-  const std::vector<uint8_t> bytes = Bytes();
+  const std::vector<uint8_t> bytes = ReadWholeFile(path_);
   const uint32_t headerSize = LoadU32(bytes.data() + 4) + 8;
   int32_t stream = -1;
   ASSERT_EQ(manager_.OpenStream(bytes.data(), headerSize, &stream), 0);

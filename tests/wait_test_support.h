@@ -91,10 +91,10 @@ inline int CountProcEntries(const char* dir) {
   return n - (std::string(dir) == "fd" ? 1 : 0);  // the directory's own descriptor
 }
 
-// Polls `condition` every millisecond for up to twenty seconds.
+// Polls `condition` every millisecond for up to `timeoutMs`.
 template <class F>
-bool WaitUntil(F condition) {
-  for (uint32_t start = GetTickCount(); GetTickCount() - start < 20000; Sleep(1))
+bool WaitUntil(F condition, uint32_t timeoutMs = 20000) {
+  for (uint32_t start = GetTickCount(); GetTickCount() - start < timeoutMs; Sleep(1))
     if (condition()) return true;
   return condition();
 }
