@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <cstring>
+#include <numeric>
 #include <random>
 
 #include "CodecTestSupport.h"
@@ -11,184 +12,129 @@
 
 namespace {
 
-struct Stream {
-  const char* name;  // file stem under media/codecs
-  int32_t width;
-  int32_t height;
-};
-
-constexpr Stream MAIN_352x288 = {"main_352x288", 352, 288};
-constexpr Stream BASELINE_320x240 = {"baseline_320x240", 320, 240};
-constexpr int KEY_INTERVAL = 25;
-
+// A stream under media/codecs, cut into payloads, with the ffmpeg tool's
+// decode of it (every picture, packed I420).
 struct Media {
+  int32_t width, height;
   std::vector<std::vector<uint8_t>> units;
-  std::vector<uint8_t> reference;  // every picture, packed I420
-  size_t pictureSize;
+  std::vector<uint8_t> reference;
+  size_t pictureSize = size_t(width) * height * 3 / 2;
 
-  explicit Media(const Stream& s)
-      : units(SplitAccessUnits(ReadWholeFile(CodecMediaPath(std::string(s.name) + ".h264")))),
-        reference(ReadWholeFile(CodecMediaPath(std::string(s.name) + ".yuv"))),
-        pictureSize(size_t(s.width) * s.height * 3 / 2) {}
-
-  size_t PictureCount() const { return reference.size() / pictureSize; }
-  const uint8_t* ReferencePicture(size_t i) const { return reference.data() + i * pictureSize; }
+  Media(const std::string& stem, int32_t w, int32_t h)
+      : width(w), height(h), units(SplitAccessUnits(ReadWholeFile(CodecMediaPath(stem + ".h264")))),
+        reference(ReadWholeFile(CodecMediaPath(stem + ".yuv"))) {}
+  const uint8_t* Reference(size_t i) const { return reference.data() + i * pictureSize; }
+  uint8_t* Decode(Decoder* decoder, size_t i) const {
+    return decoder->Decode(units[i].data(), int32_t(units[i].size()), nullptr);
+  }
 };
 
-struct DecodeCase {
-  uint32_t key;
-  Stream stream;
-};
+enum Stream { MAIN, BASELINE };
+const Media& Get(Stream stream) {
+  static const Media media[] = {{"main_352x288", 352, 288}, {"baseline_320x240", 320, 240}};
+  return media[stream];
+}
+constexpr size_t KEY_INTERVAL = 25;
 
-class H264Reference : public testing::TestWithParam<DecodeCase> {};
+class H264Reference : public testing::TestWithParam<std::tuple<uint32_t, Stream>> {};
 
-// Every payload gives its picture at once, equal byte for byte to the ffmpeg
-// tool's decode of the same bitstream.
+// Every payload gives its picture at once, byte for byte the ffmpeg tool's,
+// and the picture keeps nothing of the payload's memory, which the caller
+// reuses at once.
 TEST_P(H264Reference, EveryPayloadGivesTheReferencePicture) {
-  const DecodeCase c = GetParam();
-  Media media(c.stream);
-  ASSERT_GT(media.PictureCount(), 0u);
-  ASSERT_EQ(media.units.size(), media.PictureCount());
-  Decoder* decoder = CreateDecoder(true, c.key);
-  ASSERT_NE(decoder, nullptr);
-  ASSERT_TRUE(decoder->Open(c.stream.width, c.stream.height));
+  const Media& media = Get(std::get<1>(GetParam()));
+  ASSERT_GT(media.units.size(), 0u);
+  ASSERT_EQ(media.units.size() * media.pictureSize, media.reference.size());
+  Decoder* decoder = CreateDecoder(true, std::get<0>(GetParam()));
+  ASSERT_TRUE(decoder->Open(media.width, media.height));
   for (size_t i = 0; i < media.units.size(); ++i) {
-    uint8_t* picture = decoder->Decode(media.units[i].data(), int32_t(media.units[i].size()), nullptr);
+    std::vector<uint8_t> block = media.units[i];
+    uint8_t* picture = decoder->Decode(block.data(), int32_t(block.size()), nullptr);
+    std::fill(block.begin(), block.end(), 0xA5);
     ASSERT_NE(picture, nullptr) << "payload " << i;
     EXPECT_EQ(decoder->Picture(), picture);
-    ASSERT_EQ(memcmp(picture, media.ReferencePicture(i), media.pictureSize), 0) << "picture " << i;
+    ASSERT_EQ(memcmp(picture, media.Reference(i), media.pictureSize), 0) << "picture " << i;
   }
   decoder->Release();
 }
 
 INSTANTIATE_TEST_SUITE_P(Streams, H264Reference,
-                         testing::Values(DecodeCase{DECODER_KEY_H264, MAIN_352x288},
-                                         DecodeCase{DECODER_KEY_H264, BASELINE_320x240},
-                                         DecodeCase{DECODER_KEY_G264, MAIN_352x288}));
+                         testing::Combine(testing::Values(DECODER_KEY_H264, DECODER_KEY_G264),
+                                          testing::Values(MAIN, BASELINE)));
 
-double Mean(const uint8_t* plane, size_t size) {
-  double sum = 0;
-  for (size_t i = 0; i < size; ++i) sum += plane[i];
-  return sum / double(size);
-}
-
-// A stream coded at 320x240 in a decoder opened at 352x288 still gives
-// pictures of 352x288, scaled: each plane's mean stays that of the reference.
+// A stream coded at 320x240 in a decoder opened at 352x288 gives pictures of
+// 352x288, scaled: each plane's mean stays that of the reference.
 TEST(H264Decoder, OtherCodedSizeGivesPicturesOfTheOpenSize) {
-  Media media(BASELINE_320x240);
-  for (uint32_t key : {DECODER_KEY_H264, DECODER_KEY_G264}) {
-    Decoder* decoder = CreateDecoder(true, key);
-    ASSERT_TRUE(decoder->Open(352, 288));
-    const size_t luma = 352 * 288, sourceLuma = 320 * 240;
-    for (size_t i = 0; i < media.units.size(); i += 7) {
-      uint8_t* picture = decoder->Decode(media.units[i].data(), int32_t(media.units[i].size()), nullptr);
-      if (i == 0) {
-        ASSERT_NE(picture, nullptr);
-      }
-      if (picture == nullptr) continue;  // a skipped reference may cost a picture
-      const uint8_t* ref = media.ReferencePicture(i);
-      EXPECT_NEAR(Mean(picture, luma), Mean(ref, sourceLuma), 3.0);
-      EXPECT_NEAR(Mean(picture + luma, luma / 4), Mean(ref + sourceLuma, sourceLuma / 4), 3.0);
-      EXPECT_NEAR(Mean(picture + luma * 5 / 4, luma / 4), Mean(ref + sourceLuma * 5 / 4, sourceLuma / 4), 3.0);
-    }
-    decoder->Release();
+  const Media& media = Get(BASELINE);
+  auto mean = [](const uint8_t* plane, size_t size) { return std::accumulate(plane, plane + size, 0.0) / size; };
+  const size_t luma = 352 * 288, sourceLuma = 320 * 240;
+  const size_t planes[3][2] = {{0, 0}, {luma, sourceLuma}, {luma * 5 / 4, sourceLuma * 5 / 4}};
+  Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
+  ASSERT_TRUE(decoder->Open(352, 288));
+  for (size_t i = 0; i < media.units.size(); i += 7) {
+    uint8_t* picture = media.Decode(decoder, i);
+    ASSERT_TRUE(picture != nullptr || i > 0);
+    if (picture == nullptr) continue;  // a skipped reference may cost a picture
+    for (int p = 0; p < 3; ++p)
+      EXPECT_NEAR(mean(picture + planes[p][0], p ? luma / 4 : luma),
+                  mean(media.Reference(i) + planes[p][1], p ? sourceLuma / 4 : sourceLuma), 3.0);
   }
+  decoder->Release();
 }
 
-TEST(H264Decoder, OpenRefusesSizesThatCannotHoldAPicture) {
-  const int32_t sizes[][2] = {{0, 288}, {352, 0}, {-352, 288}, {351, 288}, {352, 287}, {16384, 16}};
-  for (const auto& size : sizes) {
-    Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
-    EXPECT_FALSE(decoder->Open(size[0], size[1])) << size[0] << "x" << size[1];
-    const uint8_t payload[] = {0, 0, 0, 1, 0x09, 0xF0};
-    EXPECT_EQ(decoder->Decode(payload, sizeof payload, nullptr), nullptr);
-    decoder->Release();
-  }
-}
-
-// G264 opens whatever the size; with a size that cannot hold a picture it
-// gives none rather than a picture of the wrong size.
-TEST(G264Decoder, OpensForAnySizeButGivesPicturesOnlyForUsableOnes) {
-  Media media(MAIN_352x288);
-  const int32_t sizes[][2] = {{0, 0}, {-1, 5}, {351, 288}};
-  for (const auto& size : sizes) {
-    Decoder* decoder = CreateDecoder(true, DECODER_KEY_G264);
-    ASSERT_TRUE(decoder->Open(size[0], size[1]));
-    EXPECT_EQ(decoder->Decode(media.units[0].data(), int32_t(media.units[0].size()), nullptr), nullptr);
+// H264 refuses sizes that cannot hold a picture; G264 opens whatever the size
+// but gives no picture rather than one of the wrong size.
+TEST(H264Decoder, UnusableSizesGiveNoPicture) {
+  const int32_t sizes[][3] = {{0, 288, 0}, {352, 0, 0}, {-352, 288, 0}, {351, 288, 0}, {352, 287, 0},
+                              {16384, 16, 0}, {0, 0, 1}, {-1, 5, 1}, {351, 288, 1}};  // 1: G264
+  for (const auto& s : sizes) {
+    Decoder* decoder = CreateDecoder(true, s[2] ? DECODER_KEY_G264 : DECODER_KEY_H264);
+    EXPECT_EQ(decoder->Open(s[0], s[1]), s[2] == 1) << s[0] << "x" << s[1];
+    EXPECT_EQ(Get(MAIN).Decode(decoder, 0), nullptr) << s[0] << "x" << s[1];
     decoder->Release();
   }
 }
 
 // Damaged payloads of every kind never crash or overrun (the sanitizer build
 // watches), nor does a fault inside the decode, and decoding is exact again
-// from the next key frame on.
+// from the next key frame on. libav's complaints reach the debug sink only.
 TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamageAndFaults) {
-  Media media(MAIN_352x288);
-  ASSERT_GT(media.units.size(), size_t(2 * KEY_INTERVAL));
+  const Media& media = Get(MAIN);
+  ASSERT_GT(media.units.size(), 2 * KEY_INTERVAL);
   std::mt19937 random(20261122);
-  std::vector<std::vector<uint8_t>> damaged;
-  for (size_t i = 1; i < 12; ++i) {
-    const auto& unit = media.units[i];
-    damaged.emplace_back(unit.begin(), unit.begin() + unit.size() / 2);  // truncated
-    std::vector<uint8_t> flipped = unit;
-    for (int k = 0; k < 8; ++k) flipped[random() % flipped.size()] ^= uint8_t(1u << (random() % 8));
-    damaged.push_back(flipped);
-    std::vector<uint8_t> noise(unit.size());
+  std::vector<std::vector<uint8_t>> damaged = {{0, 0, 0, 1}};
+  for (size_t i = 0; i < 12; ++i) {
+    std::vector<uint8_t> unit = media.units[i], noise(unit.size());
+    damaged.emplace_back(unit.begin(), unit.begin() + unit.size() * (i ? 2 : 3) / 4);  // truncated
+    for (int k = 0; k < 8; ++k) unit[random() % unit.size()] ^= uint8_t(1u << (random() % 8));
     for (auto& byte : noise) byte = uint8_t(random());
-    damaged.push_back(noise);
+    damaged.insert(damaged.end(), {unit, noise});
   }
-  std::vector<uint8_t> firstKey = media.units[0];
-  firstKey.resize(firstKey.size() * 3 / 4);
-  damaged.push_back(firstKey);
-  damaged.push_back({0, 0, 0, 1});
-
-  // libav's complaints reach the debug sink, never the host's stderr.
   DiagnosticsCapture capture;
   testing::internal::CaptureStderr();
   Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
-  ASSERT_TRUE(decoder->Open(MAIN_352x288.width, MAIN_352x288.height));
+  ASSERT_TRUE(decoder->Open(media.width, media.height));
   EXPECT_EQ(decoder->Decode(nullptr, 100, nullptr), nullptr);
   EXPECT_EQ(decoder->Decode(media.units[0].data(), 0, nullptr), nullptr);
   EXPECT_EQ(decoder->Decode(media.units[0].data(), -5, nullptr), nullptr);
-  const size_t pictureSize = media.pictureSize;
-  uint64_t checksum = 0;
-  for (const auto& payload : damaged) {
-    // Whatever comes out must be a whole picture: read every byte of it.
+  uint64_t checksum = 0;  // whatever comes out must be a whole picture: read every byte
+  for (const auto& payload : damaged)
     if (uint8_t* picture = decoder->Decode(payload.data(), int32_t(payload.size()), nullptr))
-      for (size_t b = 0; b < pictureSize; ++b) checksum += picture[b];
-  }
+      checksum += std::accumulate(picture, picture + media.pictureSize, uint64_t{0});
   (void)checksum;
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_FALSE(capture.Lines().empty());
-  // A fault inside a decode (here a payload in unreadable memory, mid-stream)
-  // ends it; the decoder starts afresh and takes the next key frame.
-  for (size_t i = 0; i < 3; ++i)
-    ASSERT_NE(decoder->Decode(media.units[i].data(), int32_t(media.units[i].size()), nullptr), nullptr);
+  // A fault inside a decode (a payload in unreadable memory, mid-stream) ends
+  // it; the decoder starts afresh and takes the next key frame.
+  for (size_t i = 0; i < 3; ++i) ASSERT_NE(media.Decode(decoder, i), nullptr);
   void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(page, MAP_FAILED);
   EXPECT_EQ(decoder->Decode(static_cast<uint8_t*>(page), 4096, nullptr), nullptr);
   munmap(page, 4096);
   for (size_t i = KEY_INTERVAL; i < media.units.size(); ++i) {
-    uint8_t* picture = decoder->Decode(media.units[i].data(), int32_t(media.units[i].size()), nullptr);
+    uint8_t* picture = media.Decode(decoder, i);
     ASSERT_NE(picture, nullptr) << "payload " << i;
-    ASSERT_EQ(memcmp(picture, media.ReferencePicture(i), pictureSize), 0) << "picture " << i;
-  }
-  decoder->Release();
-}
-
-// The stream's payloads come from a buffer that the caller reuses at once: a
-// picture must not depend on the payload's memory after the call.
-TEST(H264Decoder, KeepsNoPointerIntoThePayload) {
-  Media media(MAIN_352x288);
-  Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
-  ASSERT_TRUE(decoder->Open(MAIN_352x288.width, MAIN_352x288.height));
-  std::vector<uint8_t> block;
-  for (size_t i = 0; i < 5; ++i) {
-    block = media.units[i];
-    uint8_t* picture = decoder->Decode(block.data(), int32_t(block.size()), nullptr);
-    std::fill(block.begin(), block.end(), 0xA5);
-    ASSERT_NE(picture, nullptr);
-    ASSERT_EQ(memcmp(picture, media.ReferencePicture(i), media.pictureSize), 0) << "picture " << i;
+    ASSERT_EQ(memcmp(picture, media.Reference(i), media.pictureSize), 0) << "picture " << i;
   }
   decoder->Release();
 }
