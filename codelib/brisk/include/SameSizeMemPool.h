@@ -86,7 +86,6 @@ class SameSizeMemPoolBase {
   CRecursiveLock growLock_;
   CRecursiveLock popLock_;
   SameSizeElementOps ops_;
-  int32_t objectSize_;
   int32_t stride_;
   int32_t perChunk_;
   int32_t maxChunks_;

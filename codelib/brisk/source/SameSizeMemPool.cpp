@@ -27,7 +27,6 @@ SameSizeMemPoolBase::SameSizeMemPoolBase(SameSizeElementOps ops, int32_t objectS
                                          int32_t perChunk, int32_t maxChunks,
                                          int32_t destructOnFree)
     : ops_(ops),
-      objectSize_(objectSize),
       stride_(StrideFor(objectSize > 0 ? objectSize : 0)),
       perChunk_(perChunk),
       maxChunks_(objectSize > 0 && perChunk > 0 ? maxChunks : 0),
