@@ -1,5 +1,6 @@
 #include "EventThreadEx.h"
 
+#include <climits>
 #include <cstring>
 #include <new>
 #include <pthread.h>
@@ -27,7 +28,7 @@ constexpr MsgWord kNoSocket = static_cast<MsgWord>(-1);
 constexpr uint32_t kPlainMask = 3;
 
 bool HostNeedsShortGrace() {
-  char host[260];
+  char host[PATH_MAX];  // the whole path: the name at its end decides
   const ssize_t n = readlink("/proc/self/exe", host, sizeof host - 1);
   host[n > 0 ? n : 0] = '\0';
   return EventThreadNeedsShortGrace(host, GetSelfModulePath());
