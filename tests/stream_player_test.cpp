@@ -263,8 +263,9 @@ TEST_F(StreamPlayerTest, BlockedCallbackLosesTheOldestFramesButNotTheRecording) 
     const Bytes f = Frame(Info(65536, i % 25 == 0 ? KEY : 0, 0), i, IdPayload(65536, uint16_t(i)));
     recorded.insert(recorded.end(), f.begin(), f.end());
     ASSERT_EQ(Feed(h, f), 0);
-    if (i % 50 == 49)  // a disk that keeps up
+    if (i % 50 == 49) {  // a disk that keeps up
       ASSERT_TRUE(WaitUntil([&] { return Player(h)->recordQueue.GetBufferCount() == 0; }));
+    }
   };
   auto refusals = [&] {
     size_t n = 0;
