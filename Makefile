@@ -68,6 +68,7 @@ fuzz: fuzz-build
 # build, read by gcovr.
 coverage: bootstrap
 	@tools/bootstrap.sh gcovr
+	rm -rf build-coverage  # notes of objects no longer built would be read too
 	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug -DTQF_COVERAGE=ON
 	cmake --build build-coverage -j $(JOBS)
 	find build-coverage -name '*.gcda' -delete

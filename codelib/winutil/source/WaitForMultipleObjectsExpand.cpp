@@ -17,10 +17,12 @@ int32_t HelperCount(int32_t n) { return (n - 3) / 62; }
 uint32_t HelperMain(void* argument) {
   WaitHelper* h = static_cast<WaitHelper*>(argument);
   for (;;) {
-    // goEvent first: a cancel that came with it stays set, and ends the wait
-    // below at once. A cancel alone is swallowed here.
-    HANDLE wake[2] = {h->goEvent, h->cancelEvent};
-    if (WaitForMultipleObjects(2, wake, 0, INFINITE) != WAIT_OBJECT_0) continue;
+    // Only goEvent starts a turn. A cancel is left alone here: one set for
+    // this turn, even before the helper wakes, ends the wait below at once,
+    // and the caller clears any left from an earlier turn before it sets
+    // goEvent. (Taking cancels here as well lost this turn's cancel when the
+    // helper was slow to wake: the caller then waited for it for ever.)
+    if (WaitForSingleObject(h->goEvent, INFINITE) != WAIT_OBJECT_0) continue;
     if (h->quit) return 1;
     // In the wait-all mode cancelEvent is one of the objects required.
     if (h->waitAll) SetEvent(h->cancelEvent);
