@@ -49,6 +49,9 @@ bool VideoEngine::OpenCodec() {
 
 bool VideoEngine::Restart() {
   if (picture == nullptr) return false;
+  // A decode cut short may have left a packet or frame holding buffers.
+  av_packet_unref(packet);
+  av_frame_unref(frame);
   avcodec_free_context(&codec);
   return OpenCodec();
 }
