@@ -80,9 +80,7 @@ void Run(const char* name, int frames, int callbackMs, int feedEveryMs, bool rec
   int32_t h = -1;
   manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &h);
   auto* player = static_cast<StreamPlayer*>(manager.Lookup(h)->player);
-  auto* decoder = new CountingDecoder;
-  decoder->Open(352, 288);
-  player->videoDecoder = decoder;
+  player->videoDecoder = new CountingDecoder(352, 288);
   manager.Play(h, SlowCallback, 0);
   const std::string path = "/tmp/bench_overload.tqf";
   if (record) manager.StartRecord(h, path.c_str());

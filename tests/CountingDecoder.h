@@ -12,23 +12,22 @@
 
 class CountingDecoder : public Decoder {
  public:
+  CountingDecoder(int32_t w, int32_t h) { CountingDecoder::Open(w, h); }
   bool IsVideo() override { return true; }
   bool Open(int32_t w, int32_t h) override {
-    picture_.assign(static_cast<size_t>(w) * h * 3 / 2, 0);
+    picture_.assign(size_t(w) * h * 3 / 2, 0);
     return true;
   }
   uint8_t* Decode(const uint8_t* data, int32_t length, int32_t*) override {
     std::lock_guard<std::mutex> guard(mutex_);
     ids_.push_back(length >= 2 ? data[0] | data[1] << 8 : -1);
-    decodes.store(static_cast<int>(ids_.size()));
+    decodes.store(int(ids_.size()));
     if (length < 2 || picture_.size() < 2) return nullptr;
-    picture_[0] = data[0];
-    picture_[1] = data[1];
+    std::copy(data, data + 2, picture_.begin());
     return picture_.data();
   }
   uint8_t* Picture() override { return picture_.data(); }
-
-  // The payload id of every Decode so far (-1 for a payload under 2 bytes).
+  // The payload id of every Decode since the last Forget (-1 for a payload under 2 bytes).
   std::vector<int> Ids() {
     std::lock_guard<std::mutex> guard(mutex_);
     return ids_;

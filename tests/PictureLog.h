@@ -31,10 +31,7 @@ struct PictureLog {
     blockMs = 0;
     onPicture = nullptr;
   }
-  size_t Count() {
-    std::lock_guard<std::mutex> guard(mutex);
-    return items.size();
-  }
+  size_t Count() { return Items().size(); }
   std::vector<Picture> Items() {
     std::lock_guard<std::mutex> guard(mutex);
     return items;
@@ -43,11 +40,10 @@ struct PictureLog {
 
 inline PictureLog g_pictures;
 
-inline int32_t LogPicture(int32_t handle, uint8_t* picture, int32_t size, int32_t width,
-                          int32_t height, uint32_t stamp, int32_t format, int32_t rate,
-                          uint32_t user) {
+inline int32_t LogPicture(int32_t handle, uint8_t* picture, int32_t size, int32_t width, int32_t height,
+                          uint32_t stamp, int32_t format, int32_t rate, uint32_t user) {
   g_pictures.inCallback = true;
-  if (int ms = g_pictures.blockMs.load()) Sleep(static_cast<uint32_t>(ms));
+  if (int ms = g_pictures.blockMs.load()) Sleep(uint32_t(ms));
   const Picture p{handle, size, width, height, format, rate, stamp, user, picture[0] | picture[1] << 8};
   {
     std::lock_guard<std::mutex> guard(g_pictures.mutex);

@@ -1,7 +1,5 @@
-// What the library itself delivers for a file, for comparing the tool's
-// outputs with: the pictures of a whole play through the exported interface,
-// each kept as a 64-bit hash (and the last one whole), and Y4M files read
-// into the same form.
+// What the library itself delivers for a file, to compare the tool's outputs
+// with: a whole play through the exported interface, and Y4M files, as hashes.
 #pragma once
 
 #include <atomic>
@@ -23,11 +21,9 @@ inline uint64_t HashBytes(const uint8_t* data, size_t size) {
 }
 
 struct PictureRun {
-  int32_t width = 0;
-  int32_t height = 0;
+  int32_t width = 0, height = 0;  // from a Y4M file only
   std::vector<uint64_t> hashes;
-  std::vector<uint8_t> first;
-  std::vector<uint8_t> last;
+  std::vector<uint8_t> first, last;  // whole pictures, from a play only
   bool ended = false;
 };
 
@@ -36,11 +32,9 @@ inline PictureRun* g_run = nullptr;
 inline std::atomic<bool> g_ended{false};
 inline std::mutex g_mutex;
 
-inline int32_t Collect(int32_t, uint8_t* picture, int32_t size, int32_t width, int32_t height,
+inline int32_t Collect(int32_t, uint8_t* picture, int32_t size, int32_t, int32_t,
                        uint32_t, int32_t, int32_t, uint32_t) {
   std::lock_guard<std::mutex> guard(g_mutex);
-  g_run->width = width;
-  g_run->height = height;
   g_run->hashes.push_back(HashBytes(picture, static_cast<size_t>(size)));
   if (g_run->first.empty()) g_run->first.assign(picture, picture + size);
   g_run->last.assign(picture, picture + size);
@@ -53,8 +47,7 @@ inline void WatchEnd(const char* line, void*) {
 }  // namespace reference_detail
 
 // Plays `path` with TQ_OpenFile and TQ_Play to its end line (at most two
-// minutes), keeping the first and the last picture whole.
-// `ended` tells whether the end came.
+// minutes); `ended` tells whether the end came.
 inline PictureRun PlayThroughLibrary(const std::string& path) {
   using namespace reference_detail;
   PictureRun run;
@@ -94,10 +87,8 @@ inline PictureRun ReadY4M(const std::string& path) {
     if (static_cast<size_t>(end - p) < 6 + frameSize || std::memcmp(p, "FRAME\n", 6) != 0)
       return run;
     run.hashes.push_back(HashBytes(p + 6, frameSize));
-    run.last.assign(p + 6, p + 6 + frameSize);
     p += 6 + frameSize;
   }
-  run.width = width;
-  run.height = height;
+  run.width = width, run.height = height;
   return run;
 }

@@ -1,5 +1,4 @@
-// Builds TQF bytes for tests: header blocks, records and frames, in the
-// container's own layout constants.
+// Builds TQF bytes for tests: header blocks, records and frames.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +21,9 @@ inline uint32_t FourCC(const char* text) { return MakeFourCC(text[0], text[1], t
 // The 40-byte media descriptor.
 inline Bytes Descriptor(uint32_t compression, int32_t width, int32_t height) {
   Bytes d;
-  PutLE32(d, TQF_MEDIA_DESCRIPTOR_SIZE);
-  PutLE32(d, static_cast<uint32_t>(width));
-  PutLE32(d, static_cast<uint32_t>(height));
-  PutLE32(d, 0x000C0001);  // planes 1, 12 bits per pixel
-  PutLE32(d, compression);
+  // planes 1, 12 bits per pixel
+  for (uint32_t v : {TQF_MEDIA_DESCRIPTOR_SIZE, uint32_t(width), uint32_t(height), 0x000C0001u, compression})
+    PutLE32(d, v);
   d.resize(TQF_MEDIA_DESCRIPTOR_SIZE, 0);
   return d;
 }
@@ -47,11 +44,9 @@ inline Bytes Header(const std::vector<Record>& records, int64_t countOverride = 
     body.insert(body.end(), r.payload.begin(), r.payload.end());
   }
   Bytes h;
-  PutLE32(h, TQF_FILE_MAGIC);
-  PutLE32(h, static_cast<uint32_t>(TQF_EMPTY_HEADER_LENGTH + body.size() + lengthDelta));
-  PutLE32(h, 0);
-  PutLE32(h, countOverride >= 0 ? static_cast<uint32_t>(countOverride)
-                                : static_cast<uint32_t>(records.size()));
+  for (uint32_t v : {TQF_FILE_MAGIC, uint32_t(TQF_EMPTY_HEADER_LENGTH + body.size() + lengthDelta), 0u,
+                     uint32_t(countOverride >= 0 ? countOverride : int64_t(records.size()))})
+    PutLE32(h, v);
   h.insert(h.end(), body.begin(), body.end());
   return h;
 }
@@ -70,9 +65,7 @@ inline uint32_t Info(uint32_t length, uint32_t flags, uint32_t stream) {
 // One frame: sync, info, stamp, payload.
 inline Bytes Frame(uint32_t info, uint32_t stamp, const Bytes& payload) {
   Bytes f;
-  PutLE32(f, TQF_FRAME_SYNC);
-  PutLE32(f, info);
-  PutLE32(f, stamp);
+  for (uint32_t v : {uint32_t(TQF_FRAME_SYNC), info, stamp}) PutLE32(f, v);
   f.insert(f.end(), payload.begin(), payload.end());
   return f;
 }

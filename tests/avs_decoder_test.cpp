@@ -4,6 +4,8 @@
 // through probe plugins of the same shape.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "AVSDecoder.h"
 #include "CodecTestSupport.h"
 #include "wait_test_support.h"
@@ -28,40 +30,26 @@ TEST(AVSDecoder, PluginRefusesBadSizesAndDataThatIsNotAVS) {
   EXPECT_EQ(decoder.Picture(), nullptr);
 }
 
-// A library that is missing, or lacks functions, is reported once for each
-// function it cannot give, in binding order; without avs_init there is no
-// Open, and without avs_decode_one_frame every Decode gives null.
-TEST(AVSDecoder, MissingLibraryOrFunctionsAreReportedByName) {
-  const std::pair<const char*, std::vector<std::string>> cases[] = {
-      {"NOAVSDEC.dll", {"NOAVSDEC.dll\" called by", "NOAVSDEC.dll\" called by", "NOAVSDEC.dll\" called by"}},
-      {"jpgdec.dll", {"avs_init\" in \"jpgdec.dll", "avs_destroy\" in \"jpgdec.dll",
-                      "avs_decode_one_frame\" in \"jpgdec.dll"}},
-      {"avsnodecode.dll", {"avs_decode_one_frame"}}};
-  for (const auto& [library, expected] : cases) {
+// A missing library or function is reported (the binding's own reports are
+// checked with the binding): without avs_init there is no Open, without
+// avs_decode_one_frame every Decode gives null. A fault inside the library
+// costs that frame only; the same context decodes the next one.
+TEST(AVSDecoder, MissingFunctionsAndFaultsInTheLibrary) {
+  const uint8_t one = 0x11;
+  for (const char* library : {"NOAVSDEC.dll", "jpgdec.dll", "avsnodecode.dll"}) {
     DiagnosticsCapture capture;
     AVSDecoder decoder(library);
-    const std::vector<std::string> reports = capture.Reports();
-    ASSERT_EQ(reports.size(), expected.size()) << library;
-    for (size_t i = 0; i < reports.size(); ++i)
-      EXPECT_NE(reports[i].find("Can't find \"" + expected[i]), std::string::npos) << reports[i];
-    EXPECT_EQ(decoder.Open(32, 16), expected.size() == 1) << library;  // only avsnodecode has avs_init
-    const uint8_t value = 0x11;
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(decoder.Decode(&value, 1, nullptr), nullptr) << library;
+    EXPECT_EQ(capture.Reports().size(), std::string(library) == "avsnodecode.dll" ? 1u : 3u) << library;
+    EXPECT_EQ(decoder.Open(32, 16), std::string(library) == "avsnodecode.dll") << library;
+    EXPECT_EQ(decoder.Decode(&one, 1, nullptr), nullptr) << library;
   }
-}
-
-// A fault inside the library costs that frame only; the same context decodes
-// the next one.
-TEST(AVSDecoder, FaultInTheLibraryCostsOneFrame) {
   AVSDecoder decoder("avsprobe.dll");
   ASSERT_TRUE(decoder.Open(32, 16));
   const size_t size = 32 * 16 * 3 / 2;
   for (uint8_t value : {0x11, 0xFF, 0x22, 0xFF, 0xFF, 0x33}) {
     uint8_t* picture = decoder.Decode(&value, 1, nullptr);
     ASSERT_EQ(picture == nullptr, value == 0xFF);
-    if (picture != nullptr) {
-      EXPECT_EQ(std::vector<uint8_t>(picture, picture + size), std::vector<uint8_t>(size, value));
-    }
+    EXPECT_TRUE(picture == nullptr || size_t(std::count(picture, picture + size, value)) == size);
   }
 }
 

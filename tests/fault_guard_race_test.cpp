@@ -1,5 +1,5 @@
 // The fault guard on several threads at once: each thread's faults are caught
-// by its own guard, and a member whose library faults keeps decoding.
+// by its own guard, while the others' bodies run on.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "AVSDecoder.h"
 #include "FaultGuard.h"
 
 TEST(FaultGuardRace, ThreadsFaultAtTheSameTimeEachInItsOwnGuard) {
@@ -15,12 +14,11 @@ TEST(FaultGuardRace, ThreadsFaultAtTheSameTimeEachInItsOwnGuard) {
   static auto* page = static_cast<volatile uint8_t*>(
       mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   std::atomic<int> ready{0};
-  std::vector<int> caught(THREADS, 0), completed(THREADS, 0);
+  std::vector<int> caught(THREADS, 0), wrong(THREADS, 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < THREADS; ++t)
     threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < THREADS) std::this_thread::yield();
+      for (++ready; ready.load() < THREADS;) std::this_thread::yield();
       for (int i = 0; i < ROUNDS; ++i) {
         int progress = 0;
         auto body = [&] {
@@ -29,38 +27,11 @@ TEST(FaultGuardRace, ThreadsFaultAtTheSameTimeEachInItsOwnGuard) {
           progress = 2;
         };
         const bool finished = RunGuarded(body);
-        ++(finished ? completed : caught)[t];
-        EXPECT_EQ(progress, finished ? 2 : 1);
+        caught[t] += !finished;
+        wrong[t] += progress != (finished ? 2 : 1) || finished != ((i + t) % 2 == 1);
       }
     });
   for (auto& thread : threads) thread.join();
-  for (int t = 0; t < THREADS; ++t) {
-    EXPECT_EQ(caught[t], ROUNDS / 2) << "thread " << t;
-    EXPECT_EQ(completed[t], ROUNDS / 2) << "thread " << t;
-  }
-}
-
-TEST(FaultGuardRace, DecodersOnSeveralThreadsSurviveTheirLibrarysFaults) {
-  constexpr int THREADS = 3, FRAMES = 600;
-  std::vector<int> pictures(THREADS, 0), lost(THREADS, 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < THREADS; ++t)
-    threads.emplace_back([&, t] {
-      AVSDecoder decoder("avsprobe.dll");
-      if (!decoder.Open(16, 16)) return;
-      for (int i = 0; i < FRAMES; ++i) {
-        // The probe library faults on a 0xFF byte and echoes any other.
-        const uint8_t value = i % 3 == 0 ? 0xFF : uint8_t(t + 1);
-        uint8_t* picture = decoder.Decode(&value, 1, nullptr);
-        if (picture == nullptr)
-          ++lost[t];
-        else if (picture[16 * 16 * 3 / 2 - 1] == value)
-          ++pictures[t];
-      }
-    });
-  for (auto& thread : threads) thread.join();
-  for (int t = 0; t < THREADS; ++t) {
-    EXPECT_EQ(lost[t], FRAMES / 3) << "thread " << t;
-    EXPECT_EQ(pictures[t], FRAMES - FRAMES / 3) << "thread " << t;
-  }
+  EXPECT_EQ(caught, std::vector<int>(THREADS, ROUNDS / 2));
+  EXPECT_EQ(wrong, std::vector<int>(THREADS, 0));
 }

@@ -16,31 +16,23 @@ volatile uint8_t* FaultingPage() {
 void ReadFault() { (void)FaultingPage()[12]; }
 
 // A fault ends the guarded body at once with false; the thread goes on and
-// the next guarded run works.
-TEST(FaultGuard, FaultEndsTheBodyAndLeavesTheThreadUsable) {
+// the next guarded run works. The innermost guard catches; once it has, a
+// fault in the outer body is the outer guard's.
+TEST(FaultGuard, FaultEndsTheInnermostBodyAndLeavesTheThreadUsable) {
   void (*const faults[])() = {ReadFault, [] { FaultingPage()[100] = 1; }, [] { raise(SIGBUS); },
                               [] { raise(SIGFPE); }, [] { raise(SIGILL); }};
   for (auto& fault : faults) {
     int reached = 0;
-    auto faulting = [&] {
-      reached = 1;
-      fault();
-      reached = 2;
-    };
+    auto faulting = [&] { reached = 1, fault(), reached = 2; };
     EXPECT_FALSE(RunGuarded(faulting)) << "fault " << &fault - faults;
     EXPECT_EQ(reached, 1);
     auto fine = [&] { reached = 7; };
     EXPECT_TRUE(RunGuarded(fine));
     EXPECT_EQ(reached, 7);
   }
-}
-
-// The innermost guard catches; once it has, a fault in the outer body is the
-// outer guard's.
-TEST(FaultGuard, InnermostGuardCatches) {
   bool inner = true, outerReachedEnd = false;
+  auto faulting = ReadFault;
   auto outer = [&] {
-    auto faulting = [] { ReadFault(); };
     inner = RunGuarded(faulting);
     outerReachedEnd = true;
     ReadFault();
@@ -61,15 +53,12 @@ int Recurse(int depth) {
 TEST(FaultGuard, ManyFaultsAndStackExhaustionOnFreshThreads) {
   for (int round = 0; round < 3; ++round) {
     int caught = 0;
-    std::thread worker([&] {
-      for (int i = 0; i < 500; ++i) {
-        auto faulting = [] { ReadFault(); };
-        caught += !RunGuarded(faulting);
-      }
-      auto runaway = [] { Recurse(0); };
+    auto faulting = ReadFault;
+    auto runaway = [] { Recurse(0); };
+    std::thread([&] {
+      for (int i = 0; i < 500; ++i) caught += !RunGuarded(faulting);
       caught += !RunGuarded(runaway);
-    });
-    worker.join();
+    }).join();
     EXPECT_EQ(caught, 501);
   }
 }
@@ -81,7 +70,7 @@ void HostHandler(int) { _exit(42); }
 
 void FaultOutsideAGuard(int signal, void (*host)(int), bool sent) {
   ::signal(signal, host);
-  auto faulting = [] { ReadFault(); };
+  auto faulting = ReadFault;
   RunGuarded(faulting);
   sent ? (void)raise(signal) : ReadFault();
 }

@@ -5,12 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "CodecTestSupport.h"
@@ -25,11 +22,8 @@ namespace {
 // Pictures delivered whole, and any that were not.
 std::atomic<uint64_t> g_pictures{0}, g_broken{0};
 
-int32_t Count(int32_t, uint8_t* data, int32_t size, int32_t width, int32_t height, uint32_t,
-              int32_t, int32_t, uint32_t user) {
-  const bool whole = data != nullptr && width == 176 && height == 144 &&
-                     size == 176 * 144 * 3 / 2 && user == 7;
-  ++(whole ? g_pictures : g_broken);
+int32_t Count(int32_t, uint8_t* data, int32_t size, int32_t width, int32_t height, uint32_t, int32_t, int32_t, uint32_t user) {
+  ++(data != nullptr && width == 176 && height == 144 && size == 176 * 144 * 3 / 2 && user == 7 ? g_pictures : g_broken);
   return 0;
 }
 
@@ -40,30 +34,29 @@ TEST(FilePlayerRace, SeeksRaceClosesWithoutFault) {
   ASSERT_FALSE(jpeg.empty());
   Bytes bytes = VideoHeader("JPEG", 176, 144);
   for (int i = 0; i < 600; ++i) {
-    Bytes f = i % 10 == 0 ? Frame(Info(uint32_t(jpeg.size()), KEY, 0), i, jpeg)
-                          : Frame(Info(200, 0, 0), i, Payload(200, static_cast<uint8_t>(i)));
+    Bytes f = i % 10 == 0 ? Frame(Info(uint32_t(jpeg.size()), KEY, 0), i, jpeg) : Frame(Info(200, 0, 0), i, Payload(200, uint8_t(i)));
     bytes.insert(bytes.end(), f.begin(), f.end());
   }
-  const std::string path = ::testing::TempDir() + "filerace_" + std::to_string(getpid()) + ".tqf";
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                              static_cast<std::streamsize>(bytes.size()));
+  TempFolder folder;
+  const std::string path = folder.File("race.tqf");
+  ASSERT_TRUE(WriteWholeFile(path, bytes));
   PlayerManager manager;
   constexpr int PLAYERS = 3;
   std::atomic<int32_t> handles[PLAYERS];
-  for (auto& h : handles) {
+  auto open = [&] {
     int32_t handle = -1;
-    ASSERT_EQ(manager.OpenFile(path.c_str(), &handle), 0);
-    h = handle;
-  }
+    manager.OpenFile(path.c_str(), &handle);
+    return handle;
+  };
+  for (auto& h : handles) ASSERT_GE(h = open(), 0);
   std::atomic<bool> stop{false};
-  std::atomic<int> seeks{0}, refused{0};
+  std::atomic<int> seeks{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&, t] {
-      std::mt19937 random(t);
-      while (!stop) {
+      for (std::mt19937 random(t); !stop;) {
         int32_t h = handles[random() % PLAYERS];
-        (manager.SetPlayTime(h, static_cast<int32_t>(random() % 25)) == 0 ? seeks : refused)++;
+        seeks += manager.SetPlayTime(h, int32_t(random() % 25)) == 0;
         uint32_t s;
         manager.GetPlayTime(h, &s);
         manager.GetFileTime(h, &s);
@@ -71,21 +64,16 @@ TEST(FilePlayerRace, SeeksRaceClosesWithoutFault) {
     });
   }
   threads.emplace_back([&] {
-    std::mt19937 random(11);
-    while (!stop) {
+    for (std::mt19937 random(11); !stop;) {
       int32_t h = handles[random() % PLAYERS];
       if (random() % 2) manager.Play(h, Count, 7); else manager.Stop(h);
     }
   });
   threads.emplace_back([&] {
-    std::mt19937 random(12);
-    while (!stop) {
-      int slot = static_cast<int>(random() % PLAYERS);
+    for (std::mt19937 random(12); !stop; Sleep(3)) {
+      int slot = int(random() % PLAYERS);
       manager.CloseFile(handles[slot]);
-      int32_t handle = -1;
-      manager.OpenFile(path.c_str(), &handle);
-      handles[slot] = handle;
-      Sleep(3);
+      handles[slot] = open();
     }
   });
   Sleep(3000);
@@ -95,7 +83,6 @@ TEST(FilePlayerRace, SeeksRaceClosesWithoutFault) {
   EXPECT_GT(seeks.load(), 0);
   EXPECT_GT(g_pictures.load(), 0u);
   EXPECT_EQ(g_broken.load(), 0u);
-  std::remove(path.c_str());
 }
 
 }  // namespace

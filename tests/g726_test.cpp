@@ -17,11 +17,10 @@ G726State Fresh() {
   return state;
 }
 
-// Decodes `codes` (or its first `bytes`) from a fresh state.
-std::vector<int16_t> DecodeFresh(const std::vector<uint8_t>& codes, int32_t bytes = -1) {
+std::vector<int16_t> DecodeFresh(const std::vector<uint8_t>& codes) {
   G726State state = Fresh();
   std::vector<int16_t> samples(codes.size() * 2);
-  G726DecodeBlock(&state, codes.data(), bytes < 0 ? int32_t(codes.size()) : bytes, samples.data());
+  G726DecodeBlock(&state, codes.data(), int32_t(codes.size()), samples.data());
   return samples;
 }
 
@@ -40,20 +39,20 @@ TEST(G726, RunsOfOneCodeClampOrStaySilent) {
   for (size_t i = 0; i < climb.size(); ++i)
     ASSERT_EQ(climb[i], i < std::size(expected) ? expected[i] : 32767) << "sample " << i;
   for (uint8_t byte : {0x00, 0xFF, 0x0F, 0xF0})
-    for (int16_t sample : DecodeFresh(std::vector<uint8_t>(1000, byte))) ASSERT_EQ(sample, 0) << int(byte);
+    EXPECT_EQ(DecodeFresh(std::vector<uint8_t>(1000, byte)), std::vector<int16_t>(2000, 0)) << int(byte);
 }
 
 // Any cut into frames gives the same samples as one block: a frame of 0 bytes
 // changes nothing and still reports 1280, and one above the buffer's 512 bytes
 // is cut there, not written past it.
 TEST(G726Decoder, AnyCutIntoFramesGivesTheSameSamples) {
-  const std::vector<uint8_t> codes = RandomCodes(4000, 7);
+  const std::vector<uint8_t> codes = RandomCodes(3414, 7);
   Decoder* decoder = CreateDecoder(false, DECODER_KEY_G726);
-  const size_t lengths[] = {0, 1, 300, 511, 512, 513, 2000, 77};
   std::vector<uint8_t> used;
   std::vector<int16_t> pieces;
-  for (size_t at = 0, k = 0; at < codes.size(); at += lengths[k++ % 8]) {
-    const size_t length = std::min(lengths[k % 8], codes.size() - at), kept = std::min<size_t>(length, 512);
+  size_t at = 0;
+  for (size_t length : {0, 1, 300, 511, 512, 513, 2000, 77}) {
+    const size_t kept = std::min<size_t>(length, 512);
     int32_t reported = 0;
     const auto* pcm =
         reinterpret_cast<const int16_t*>(decoder->Decode(codes.data() + at, int32_t(length), &reported));
@@ -61,6 +60,7 @@ TEST(G726Decoder, AnyCutIntoFramesGivesTheSameSamples) {
     EXPECT_EQ(reported, 1280);
     pieces.insert(pieces.end(), pcm, pcm + 2 * kept);
     used.insert(used.end(), codes.begin() + at, codes.begin() + at + kept);
+    at += length;
   }
   EXPECT_EQ(pieces, DecodeFresh(used));
   EXPECT_EQ(decoder->Decode(nullptr, 10, nullptr), nullptr);
@@ -119,14 +119,13 @@ TEST(G726, RoundTripAgreesWithTheFfmpegDecoder) {
   ASSERT_EQ(fwrite(codes.data(), 1, codes.size(), ffmpeg), codes.size());
   ASSERT_EQ(pclose(ffmpeg), 0);
   const std::vector<uint8_t> raw = ReadWholeFile(out);
-  std::vector<int16_t> theirs(raw.size() / 2);
-  memcpy(theirs.data(), raw.data(), theirs.size() * 2);
+  const std::vector<int16_t> theirs(reinterpret_cast<const int16_t*>(raw.data()),
+                                    reinterpret_cast<const int16_t*>(raw.data() + raw.size() / 2 * 2));
   const std::vector<int16_t> ours = DecodeFresh(codes);
   ASSERT_EQ(theirs.size(), ours.size());
   for (size_t i = 0; i < 6; ++i) EXPECT_EQ(ours[i], theirs[i]) << "sample " << i;
   EXPECT_GT(SignalToNoise(theirs, ours, 0), 30.0);
   EXPECT_GT(SignalToNoise(signal, ours, 400), 20.0);
-  EXPECT_GT(SignalToNoise(signal, theirs, 400), 20.0);
 }
 
 }  // namespace

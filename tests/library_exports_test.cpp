@@ -25,9 +25,10 @@ const char* const EXPORTS[] = {
     "TQ_StartRecord", "TQ_StopRecord",   "TQ_SetDebugSink",  "TQ_SetAssertHandler"};
 
 const std::string LIBRARY = std::string(TQF_BINARY_DIR) + "/libTQFPlay.so";
+const std::string DEMO = std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf";
 
 struct Library {
-  void* handle = dlopen(LIBRARY.c_str(), RTLD_NOW | RTLD_LOCAL);
+  explicit Library(const std::string& path = LIBRARY) : handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {}
   ~Library() {
     if (handle) dlclose(handle);
   }
@@ -35,111 +36,61 @@ struct Library {
   F* Get(const char* name) {
     return reinterpret_cast<F*>(dlsym(handle, name));
   }
+  void* handle;
 };
+// An export of `lib`, by its declaration in the header.
+#define TQ(lib, name) (lib).Get<decltype(name)>(#name)
 
 class LibraryExports : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_NE(lib_.handle, nullptr) << dlerror();
-    for (const char* name : EXPORTS) ASSERT_NE(dlsym(lib_.handle, name), nullptr) << name;
-    lib_.Get<int32_t(TQ_DebugSink, void*)>("TQ_SetDebugSink")(
-        [](const char* line, void* c) { static_cast<std::vector<std::string>*>(c)->push_back(line); },
-        &lines_);
-  }
-  void TearDown() override {
-    lib_.Get<int32_t()>("TQ_Free")();
-    lib_.Get<int32_t(TQ_DebugSink, void*)>("TQ_SetDebugSink")(nullptr, nullptr);
-  }
+  void SetUp() override { ASSERT_NE(lib_.handle, nullptr) << dlerror(); }
+  void TearDown() override { TQ(lib_, TQ_Free)(); }
   Library lib_;
-  std::vector<std::string> lines_;
 };
 
 TEST(LibrarySymbols, ExportsTheNineteenNamesAndNothingElse) {
-  std::string command = "nm -D --defined-only " + LIBRARY;
-  FILE* pipe = popen(command.c_str(), "r");
+  FILE* pipe = popen(("nm -D --defined-only " + LIBRARY).c_str(), "r");
   ASSERT_NE(pipe, nullptr);
   std::set<std::string> names;
-  char line[512];
-  while (fgets(line, sizeof line, pipe)) {
-    char address[64], type[8], name[256];
+  char line[512], address[64], type[8], name[256];
+  while (fgets(line, sizeof line, pipe))
     if (sscanf(line, "%63s %7s %255s", address, type, name) == 3) names.insert(name);
-  }
   ASSERT_EQ(pclose(pipe), 0);
-  std::set<std::string> expected(std::begin(EXPORTS), std::end(EXPORTS));
-  EXPECT_EQ(names, expected);
-}
-
-TEST_F(LibraryExports, InitialTwiceThenFreeTwiceWithTheirDebugLines) {
-  auto initial = lib_.Get<int32_t()>("TQ_Initial");
-  auto release = lib_.Get<int32_t()>("TQ_Free");
-  EXPECT_EQ(release(), 0);  // without TQ_Initial
-  EXPECT_EQ(initial(), 0);
-  EXPECT_EQ(initial(), -1);
-  EXPECT_EQ(release(), 0);
-  EXPECT_EQ(release(), 0);
-  EXPECT_EQ(initial(), 0);
-  const std::vector<std::string> expected = {"TQ_Free\n", "TQ_Initial\n", "TQ_Initial\n",
-                                             "TQ_Free\n", "TQ_Free\n",    "TQ_Initial\n"};
-  EXPECT_EQ(lines_, expected);
+  EXPECT_EQ(names, std::set<std::string>(std::begin(EXPORTS), std::end(EXPORTS)));
 }
 
 TEST_F(LibraryExports, FixedAnswersNeedNoInitialAndNoHandle) {
   char text[256];
   memset(text, 'x', sizeof text);
-  EXPECT_EQ(lib_.Get<int32_t(char*, uint32_t)>("TQ_GetDecoderInf")(text, 1), 0);
+  EXPECT_EQ(TQ(lib_, TQ_GetDecoderInf)(text, 1), 0);
   EXPECT_STREQ(text,
                "Company=Company;BuildTime=20120313;Version=3.0;Protocol=TQ_TQF_V3.0;"
                "Check=0,4,0x54514630;FileHeadLen=20");
-
   static_assert(sizeof(MediaInfoRecord) == 10);
-  auto mediaInfo = lib_.Get<int32_t(int32_t, MediaInfoRecord*)>("TQ_GetMediaInfo");
-  for (int32_t handle : {0, 7, -1, 123456}) {
+  for (int32_t handle : {0, -1, 123456}) {
     uint8_t bytes[10];
     memset(bytes, 0xAA, sizeof bytes);
-    EXPECT_EQ(mediaInfo(handle, reinterpret_cast<MediaInfoRecord*>(bytes)), 0);
+    EXPECT_EQ(TQ(lib_, TQ_GetMediaInfo)(handle, reinterpret_cast<MediaInfoRecord*>(bytes)), 0);
     const uint8_t expected[10] = {0x40, 0x02, 0, 0, 25, 0, 0, 0, 0, 0};
     EXPECT_EQ(memcmp(bytes, expected, 10), 0);
   }
-  EXPECT_EQ(mediaInfo(3, nullptr), 0);
-  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_ClearBuffer")(99), 0);
+  EXPECT_EQ(TQ(lib_, TQ_GetMediaInfo)(3, nullptr), 0);
+  EXPECT_EQ(TQ(lib_, TQ_ClearBuffer)(99), 0);
 }
 
 TEST_F(LibraryExports, EveryHandleTakingExportAnswersMinusOneForUnknownHandles) {
-  ASSERT_EQ(lib_.Get<int32_t()>("TQ_Initial")(), 0);
+  ASSERT_EQ(TQ(lib_, TQ_Initial)(), 0);
   uint32_t seconds = 77;
   const uint8_t bytes[4] = {};
-  for (int32_t h : {0, 1, -1, 1000}) {
-    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseFile")(h), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseStream")(h), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t, uint32_t*)>("TQ_GetFileTime")(h, &seconds), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t, uint32_t*)>("TQ_GetPlayTime")(h, &seconds), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t, int32_t)>("TQ_SetPlayTime")(h, 1), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t, const uint8_t*, int32_t)>("TQ_InputData")(h, bytes, 4), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t, PictureCallback, uint32_t)>("TQ_Play")(h, nullptr, 0), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_Stop")(h), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t, const char*)>("TQ_StartRecord")(h, "/tmp/x.tqf"), -1);
-    EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_StopRecord")(h), -1);
+  for (int32_t h : {0, -1, 1000}) {
+    const int32_t results[] = {
+        TQ(lib_, TQ_CloseFile)(h),       TQ(lib_, TQ_CloseStream)(h),   TQ(lib_, TQ_GetFileTime)(h, &seconds),
+        TQ(lib_, TQ_GetPlayTime)(h, &seconds), TQ(lib_, TQ_SetPlayTime)(h, 1), TQ(lib_, TQ_InputData)(h, bytes, 4),
+        TQ(lib_, TQ_Play)(h, nullptr, 0), TQ(lib_, TQ_Stop)(h),         TQ(lib_, TQ_StartRecord)(h, "/tmp/x.tqf"),
+        TQ(lib_, TQ_StopRecord)(h)};
+    for (int32_t r : results) EXPECT_EQ(r, -1) << h;
   }
   EXPECT_EQ(seconds, 77u);
-}
-
-TEST_F(LibraryExports, FailedOpensLeaveTheOutHandleUnwritten) {
-  ASSERT_EQ(lib_.Get<int32_t()>("TQ_Initial")(), 0);
-  auto openStream = lib_.Get<int32_t(const uint8_t*, uint32_t, int32_t*)>("TQ_OpenStream");
-  auto openFile = lib_.Get<int32_t(const char*, int32_t*)>("TQ_OpenFile");
-  int32_t handle = -77;
-  const uint8_t header[15] = {'T', 'Q', 'F', '0'};
-  EXPECT_EQ(openStream(header, 15, &handle), -1);
-  EXPECT_EQ(openStream(nullptr, 0, &handle), -1);  // header not read below 16 bytes
-  EXPECT_EQ(openFile(nullptr, &handle), -1);
-  EXPECT_EQ(openFile("/nonexistent/file.tqf", &handle), -1);
-  // What is not a regular file is refused at once: a FIFO with no writer
-  // would otherwise block the open, and with it every player of the process.
-  TempFolder folder;
-  const std::string fifo = folder.File("fifo");
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  EXPECT_EQ(openFile(fifo.c_str(), &handle), -1);
-  EXPECT_EQ(handle, -77);
 }
 
 std::atomic<int> g_pictures{0};
@@ -161,49 +112,51 @@ TEST(LibraryInstall, WorksUnderAPathLongerThanTwoHundredSixtyCharacters) {
   const std::string copy = "cp '" + LIBRARY + "' '" + std::string(TQF_BINARY_DIR) + "/libjpgdec.so' '" +
                            std::string(TQF_SOURCE_DIR) + "/samples/jpeg422.tqf' '" + folder + "/'";
   ASSERT_EQ(system(copy.c_str()), 0);
-  void* lib = dlopen((folder + "/libTQFPlay.so").c_str(), RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(lib, nullptr) << dlerror();
-  auto get = [&](const char* name) { return dlsym(lib, name); };
-  reinterpret_cast<int32_t (*)()>(get("TQ_Initial"))();
+  Library lib(folder + "/libTQFPlay.so");
+  ASSERT_NE(lib.handle, nullptr) << dlerror();
+  TQ(lib, TQ_Initial)();
   int32_t h = -1;
-  ASSERT_EQ(reinterpret_cast<int32_t (*)(const char*, int32_t*)>(get("TQ_OpenFile"))(
-                (folder + "/jpeg422.tqf").c_str(), &h), 0);
-  reinterpret_cast<int32_t (*)(int32_t, PictureCallback, uint32_t)>(get("TQ_Play"))(h, CountPicture, 0);
+  ASSERT_EQ(TQ(lib, TQ_OpenFile)((folder + "/jpeg422.tqf").c_str(), &h), 0);
+  TQ(lib, TQ_Play)(h, CountPicture, 0);
   for (int i = 0; i < 5000 && g_pictures.load() < 10; ++i) usleep(1000);
   EXPECT_GE(g_pictures.load(), 10);  // JPEG pictures: the plugin was found
-  reinterpret_cast<int32_t (*)()>(get("TQ_Free"))();
-  dlclose(lib);
+  TQ(lib, TQ_Free)();
 }
-
-std::vector<uint8_t> DemoBytes() { return ReadWholeFile(std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf"); }
 
 // The header block's size: its length word and the eight bytes before it.
 uint32_t HeaderSize(const std::vector<uint8_t>& bytes) { return LoadU32(bytes.data() + 4) + 8; }
 
-TEST_F(LibraryExports, HandlesCountFromZeroSkipRefusalsAndRestartAfterFree) {
-  auto initial = lib_.Get<int32_t()>("TQ_Initial");
-  auto release = lib_.Get<int32_t()>("TQ_Free");
-  auto openStream = lib_.Get<int32_t(const uint8_t*, uint32_t, int32_t*)>("TQ_OpenStream");
-  auto openFile = lib_.Get<int32_t(const char*, int32_t*)>("TQ_OpenFile");
-  const std::vector<uint8_t> demo = DemoBytes();
-  const std::string demoPath = std::string(TQF_SOURCE_DIR) + "/samples/demo.tqf";
-  ASSERT_EQ(initial(), 0);
+TEST_F(LibraryExports, InitialFreeAndHandlesThatCountFromZeroSkipRefusalsAndRestartAfterFree) {
+  auto openStream = TQ(lib_, TQ_OpenStream);
+  auto openFile = TQ(lib_, TQ_OpenFile);
+  const std::vector<uint8_t> demo = ReadWholeFile(DEMO);
+  EXPECT_EQ(TQ(lib_, TQ_Free)(), 0);  // without TQ_Initial
+  ASSERT_EQ(TQ(lib_, TQ_Initial)(), 0);
+  EXPECT_EQ(TQ(lib_, TQ_Initial)(), -1);  // the manager and its handles stay
   int32_t h = -1;
   ASSERT_EQ(openStream(demo.data(), HeaderSize(demo), &h), 0);
   EXPECT_EQ(h, 0);
-  EXPECT_EQ(openStream(demo.data(), 15, &h), -1);
-  EXPECT_EQ(openFile("/nonexistent.tqf", &h), -1);
-  ASSERT_EQ(openFile(demoPath.c_str(), &h), 0);
-  EXPECT_EQ(h, 3);
+  // Refusals leave the out handle unwritten. What is not a regular file is
+  // refused at once: a FIFO with no writer would otherwise block the open,
+  // and with it every player of the process.
+  TempFolder folder;
+  ASSERT_EQ(mkfifo(folder.File("fifo").c_str(), 0600), 0);
+  const int32_t refusals[] = {openStream(demo.data(), 15, &h), openStream(nullptr, 0, &h), openFile(nullptr, &h),
+                              openFile("/nonexistent.tqf", &h), openFile(folder.File("fifo").c_str(), &h)};
+  for (int32_t r : refusals) EXPECT_EQ(r, -1);
+  EXPECT_EQ(h, 0);
+  ASSERT_EQ(openFile(DEMO.c_str(), &h), 0);
+  EXPECT_EQ(h, 6);
   // Kinds are kept apart: a stream has no play time, and each closes by its own call.
   uint32_t seconds = 0;
-  EXPECT_EQ(lib_.Get<int32_t(int32_t, uint32_t*)>("TQ_GetPlayTime")(0, &seconds), -1);
-  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_Stop")(0), 0);
-  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseStream")(3), -1);  // a file's handle
-  EXPECT_EQ(lib_.Get<int32_t(int32_t)>("TQ_CloseFile")(0), -1);    // a stream's handle
-  EXPECT_EQ(release(), 0);  // closes both players
-  ASSERT_EQ(initial(), 0);
-  ASSERT_EQ(openFile(demoPath.c_str(), &h), 0);
+  EXPECT_EQ(TQ(lib_, TQ_GetPlayTime)(0, &seconds), -1);
+  EXPECT_EQ(TQ(lib_, TQ_Stop)(0), 0);
+  EXPECT_EQ(TQ(lib_, TQ_CloseStream)(3), -1);  // a file's handle
+  EXPECT_EQ(TQ(lib_, TQ_CloseFile)(0), -1);    // a stream's handle
+  EXPECT_EQ(TQ(lib_, TQ_Free)(), 0);  // closes both players
+  EXPECT_EQ(TQ(lib_, TQ_Free)(), 0);
+  ASSERT_EQ(TQ(lib_, TQ_Initial)(), 0);
+  ASSERT_EQ(openFile(DEMO.c_str(), &h), 0);
   EXPECT_EQ(h, 0);
 }
 
@@ -224,13 +177,13 @@ TEST(LibraryTeardownDeathTest, ExitWithoutFreeClosesThePlayers) {
   EXPECT_EXIT(
       {
         Library lib;
-        const std::vector<uint8_t> demo = DemoBytes();
-        lib.Get<int32_t()>("TQ_Initial")();
+        const std::vector<uint8_t> demo = ReadWholeFile(DEMO);
+        const uint32_t size = HeaderSize(demo);
+        TQ(lib, TQ_Initial)();
         int32_t h = -1;
-        lib.Get<int32_t(const uint8_t*, uint32_t, int32_t*)>("TQ_OpenStream")(demo.data(), HeaderSize(demo), &h);
-        lib.Get<int32_t(int32_t, PictureCallback, uint32_t)>("TQ_Play")(h, SlowOnce, 0);
-        lib.Get<int32_t(int32_t, const uint8_t*, int32_t)>("TQ_InputData")(
-            h, demo.data() + HeaderSize(demo), static_cast<int32_t>(demo.size() - HeaderSize(demo)));
+        TQ(lib, TQ_OpenStream)(demo.data(), size, &h);
+        TQ(lib, TQ_Play)(h, SlowOnce, 0);
+        TQ(lib, TQ_InputData)(h, demo.data() + size, int32_t(demo.size() - size));
         while (!g_entered) usleep(1000);
         exit(0);
       },

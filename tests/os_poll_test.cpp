@@ -11,17 +11,14 @@
 #include <map>
 #include <memory>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "wait_test_support.h"
 
 namespace {
 
-struct Served {
-  HandleObj key;
-  uint32_t events;
-  bool operator==(const Served& o) const { return key == o.key && events == o.events; }
-};
+using Served = std::pair<HandleObj, uint32_t>;  // key, events
 using Keys = std::vector<HandleObj>;
 
 // Records what it serves; a per-key action may replace the default result 1.
@@ -32,29 +29,27 @@ class RecordingPoll : public COSPoll {
     auto it = actions.find(key);
     return it == actions.end() ? 1 : it->second();
   }
-  int32_t OnPollTimeout() override { return ++timeouts, timeoutResult; }
+  int32_t OnPollTimeout() override { return timeoutResult; }
   int32_t OnPollError(uint32_t) override {
-    ++errors;
     if (errorAction) errorAction();
     return 0;
   }
   int32_t OnHandleFailed(HandleObj key, HANDLE, int32_t, int32_t result) override {
-    failed.push_back({key, static_cast<uint32_t>(result)});
-    return 0;
+    return failed.push_back({key, static_cast<uint32_t>(result)}), 0;
   }
   // One pass from a clean record: the keys served, checking Poll's result.
   Keys Pass(int32_t expected, uint32_t timeoutMs = 0) {
     served.clear();
     EXPECT_EQ(Poll(timeoutMs), expected);
     Keys keys;
-    for (const Served& s : served) keys.push_back(s.key);
+    for (const Served& s : served) keys.push_back(s.first);
     return keys;
   }
 
   std::vector<Served> served, failed;
   std::map<HandleObj, std::function<int32_t()>> actions;
   std::function<void()> errorAction;
-  int timeouts = 0, timeoutResult = 0, errors = 0;
+  int timeoutResult = 0;
 };
 
 class OSPollTest : public ::testing::Test {
@@ -109,30 +104,23 @@ TEST_F(OSPollTest, TableOperations) {
   EXPECT_EQ(Infos(9), std::make_tuple(0, 0, HANDLE(nullptr), -1, 0u, uintptr_t(77)));  // context left alone
   poll_->DelAllHandles();
   EXPECT_EQ(poll_->HandleCount(), 0);
-  poll_->DelAllHandles();
 }
 
 TEST_F(OSPollTest, PassServesEnabledSignalledRecordsInKeyOrder) {
   ASSERT_EQ(poll_->AddHandle(6, manual_[6], -1, 3, 0, 0), 1);
   SetEvent(manual_[6]);
-  const uint32_t start = GetTickCount();
   EXPECT_EQ(poll_->Pass(0, INFINITE), Keys{});  // no enabled record: no wait at all
-  EXPECT_LT(GetTickCount() - start, 1000u);
   AddFiveSevenNine();
   EXPECT_EQ(poll_->Pass(1, 1000), (Keys{5, 7, 9}));
-  EXPECT_EQ(poll_->served[0].events, 3u);
+  EXPECT_EQ(poll_->served[0].second, 3u);
   // A result above 1 ends the pass; manual-reset events stay signalled.
   poll_->actions[5] = [] { return 3; };
   EXPECT_EQ(poll_->Pass(3), Keys{5});
   // A negative result goes to OnHandleFailed, which says "no work".
   poll_->actions[5] = [] { return -7; };
-  EXPECT_EQ(poll_->Pass(1), (Keys{5, 7, 9}));
-  ASSERT_EQ(poll_->failed.size(), 1u);
-  EXPECT_EQ(poll_->failed[0], (Served{5, static_cast<uint32_t>(-7)}));
-  poll_->actions[5] = [] { return 0; };
-  poll_->actions[7] = [] { return 0; };
-  poll_->actions[9] = [] { return 0; };
+  poll_->actions[7] = poll_->actions[9] = [] { return 0; };
   EXPECT_EQ(poll_->Pass(0), (Keys{5, 7, 9}));
+  EXPECT_EQ(poll_->failed, (std::vector<Served>{{5, static_cast<uint32_t>(-7)}}));
   // A record disabled by a callback is still served in that pass, then not.
   poll_->actions.clear();
   EXPECT_EQ(poll_->EnableHandle(6, 1), 1);
@@ -150,10 +138,7 @@ TEST_F(OSPollTest, CallbackDeletesOrReAddsALaterKey) {
   poll_->actions.clear();
   poll_->AddHandle(9, manual_[1], -1, 3, 1, 0);
   EXPECT_EQ(poll_->Pass(1, 1000), (Keys{5, 7, 9}));  // the rebuild takes 9 in
-  poll_->actions[5] = [&] {
-    poll_->DelHandle(9);
-    return poll_->AddHandle(9, manual_[2], -1, 3, 1, 0);
-  };
+  poll_->actions[5] = [&] { return poll_->DelHandle(9), poll_->AddHandle(9, manual_[2], -1, 3, 1, 0); };
   EXPECT_EQ(poll_->Pass(1, 1000), (Keys{5, 7}));
   poll_->actions.clear();
   for (int i : {5, 7, 1}) ResetEvent(manual_[i]);
@@ -161,21 +146,17 @@ TEST_F(OSPollTest, CallbackDeletesOrReAddsALaterKey) {
   EXPECT_EQ(poll_->Pass(1, 1000), Keys{9});
 }
 
-TEST_F(OSPollTest, TimeoutAndErrorPaths) {
+TEST_F(OSPollTest, TimeoutAndErrorResults) {
   poll_->AddHandle(5, manual_[5], -1, 3, 1, 0);
   for (int32_t result : {0, -1, 4}) {  // a negative result counts as work
     poll_->timeoutResult = result;
     EXPECT_EQ(poll_->Pass(result == 0 ? 0 : result < 0 ? 1 : result, 5), Keys{});
   }
-  EXPECT_EQ(poll_->timeouts, 3);
-  // A bad handle makes the wait fail until the subclass removes it.
+  // A bad handle makes the wait fail until the subclass removes it; that counts as work.
   poll_->AddHandle(6, FakeHandle(), -1, 3, 1, 0);
   EXPECT_EQ(poll_->Poll(0), 0);
-  EXPECT_EQ(poll_->Poll(0), 0);
-  EXPECT_EQ(poll_->errors, 2);
   poll_->errorAction = [&] { poll_->DelHandle(6); };
-  EXPECT_EQ(poll_->Poll(0), 1);  // a deletion in OnPollError counts as work
-  EXPECT_EQ(poll_->errors, 3);
+  EXPECT_EQ(poll_->Poll(0), 1);
   SetEvent(manual_[5]);
   EXPECT_EQ(poll_->Pass(1), Keys{5});
 }
@@ -205,7 +186,7 @@ TEST_F(OSPollTest, SocketRecordsContract) {
   poll_->actions[1] = [] { return 0; };
   ASSERT_EQ(poll_->AddHandle(1, autoReset[0], pair[0], POLL_WRITE, 1, 0), 1);  // sets the event
   for (int pass = 0; pass < 3; ++pass) EXPECT_EQ(poll_->Pass(0), Keys{1}) << pass;
-  EXPECT_EQ(poll_->served[0].events, static_cast<uint32_t>(POLL_WRITE));
+  EXPECT_EQ(poll_->served[0].second, static_cast<uint32_t>(POLL_WRITE));
   poll_->EnableHandle(1, 0);
   EXPECT_EQ(poll_->Pass(0), Keys{});
   poll_->EnableHandle(1, 1);

@@ -53,7 +53,6 @@ TEST(Paths, Contract) {
   ASSERT_TRUE(WriteWholeFile(state, damaged));
   ASSERT_EQ(IntegralityLoad(loaded, state.c_str()), 1);
   EXPECT_EQ(loaded, first);
-  EXPECT_EQ(ReadWholeFile(state).size(), 12u);
   EXPECT_EQ(IsFileExist(bak.c_str()), 0);
   // A crash before the final move: only ".bak" and a stray ".tmp" are there.
   ASSERT_EQ(rename(state.c_str(), bak.c_str()), 0);
@@ -66,7 +65,6 @@ TEST(Paths, Contract) {
   // `out` alone.
   const std::string small = folder.File("small"), never = folder.File("never"), noDir = folder.File("no/dir");
   ASSERT_EQ(IntegralitySave(nullptr, 0, small.c_str()), 1);
-  EXPECT_EQ(ReadWholeFile(small).size(), 8u);
   loaded = {5};
   const int32_t refusals[] = {
       MoveFileIfExist(folder.path().c_str(), never.c_str()), CreateBlankFile(noDir.c_str(), 1, 1),

@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "CodecTestSupport.h"
@@ -20,14 +18,11 @@ using namespace tqftest;
 
 namespace {
 
-// Pictures delivered whole (the JPEG's size and a full I420 frame), and any
-// that were not.
+// Pictures delivered whole (the JPEG's size and a full I420 frame), and any that were not.
 std::atomic<uint64_t> g_pictures{0}, g_broken{0};
 
-int32_t Count(int32_t, uint8_t* data, int32_t size, int32_t width, int32_t height, uint32_t,
-              int32_t, int32_t, uint32_t) {
-  const bool whole = data != nullptr && width == 176 && height == 144 && size == 176 * 144 * 3 / 2;
-  ++(whole ? g_pictures : g_broken);
+int32_t Count(int32_t, uint8_t* data, int32_t size, int32_t width, int32_t height, uint32_t, int32_t, int32_t, uint32_t) {
+  ++(data != nullptr && width == 176 && height == 144 && size == 176 * 144 * 3 / 2 ? g_pictures : g_broken);
   return 0;
 }
 
@@ -38,57 +33,48 @@ TEST(StreamPlayerRace, HostThreadsFeedPlayRecordAndCloseAtOnce) {
   const Bytes header = VideoHeader("JPEG", 176, 144);
   const Bytes jpeg = ReadWholeFile(CodecMediaPath("picture_420_176x144.jpg"));
   ASSERT_FALSE(jpeg.empty());
+  auto open = [&] {
+    int32_t handle = -1;
+    manager.OpenStream(header.data(), uint32_t(header.size()), &handle);
+    manager.Play(handle, Count, 0);
+    return handle;
+  };
   constexpr int STREAMS = 4;
   std::atomic<int32_t> handles[STREAMS];
-  for (auto& h : handles) {
-    int32_t handle = -1;
-    ASSERT_EQ(manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &handle), 0);
-    manager.Play(handle, Count, 0);
-    h = handle;
-  }
+  for (auto& h : handles) ASSERT_GE(h = open(), 0);
   Bytes chunk;
-  for (int i = 0; i < 40; ++i) {
-    const bool audio = i % 3 == 0;
-    Bytes f = audio ? Frame(Info(300, 0, 1), i, Payload(300, static_cast<uint8_t>(i)))
-                    : Frame(Info(uint32_t(jpeg.size()), KEY, 0), i, jpeg);
+  for (int i = 0; i < 40; ++i) {  // every third frame audio: 26 video frames
+    Bytes f = i % 3 == 0 ? Frame(Info(300, 0, 1), i, Payload(300, uint8_t(i))) : Frame(Info(uint32_t(jpeg.size()), KEY, 0), i, jpeg);
     chunk.insert(chunk.end(), f.begin(), f.end());
   }
-  const std::string base = ::testing::TempDir() + "race_" + std::to_string(getpid()) + "_";
+  TempFolder folder;
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&, t] {  // feeders, in pieces of random size
-      std::mt19937 random(t);
-      while (!stop) {
-        int32_t h = handles[random() % STREAMS];
+      for (std::mt19937 random(t); !stop;) {
         size_t at = random() % chunk.size();
         size_t n = std::min<size_t>(chunk.size() - at, 1 + random() % 4000);
-        manager.InputData(h, chunk.data() + at, static_cast<int32_t>(n));
+        manager.InputData(handles[random() % STREAMS], chunk.data() + at, int32_t(n));
       }
     });
   }
   threads.emplace_back([&] {  // controller: play, stop, record
-    std::mt19937 random(99);
-    while (!stop) {
+    for (std::mt19937 random(99); !stop;) {
       int32_t h = handles[random() % STREAMS];
       switch (random() % 4) {
         case 0: manager.Play(h, Count, 1); break;
         case 1: manager.Stop(h); break;
-        case 2: manager.StartRecord(h, (base + std::to_string(random() % 3) + ".tqf").c_str()); break;
+        case 2: manager.StartRecord(h, folder.File(std::to_string(random() % 3)).c_str()); break;
         default: manager.StopRecord(h); break;
       }
     }
   });
   threads.emplace_back([&] {  // closer: closes one stream and opens another
-    std::mt19937 random(5);
-    while (!stop) {
-      int slot = static_cast<int>(random() % STREAMS);
+    for (std::mt19937 random(5); !stop; Sleep(5)) {
+      int slot = int(random() % STREAMS);
       manager.CloseStream(handles[slot]);
-      int32_t handle = -1;
-      manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &handle);
-      manager.Play(handle, Count, 0);
-      handles[slot] = handle;
-      Sleep(5);
+      handles[slot] = open();
     }
   });
   Sleep(3000);
@@ -99,15 +85,11 @@ TEST(StreamPlayerRace, HostThreadsFeedPlayRecordAndCloseAtOnce) {
   EXPECT_EQ(g_broken.load(), 0u);
   // The manager still plays a stream whole after the storm.
   const uint64_t before = g_pictures.load();
-  int32_t handle = -1;
-  ASSERT_EQ(manager.OpenStream(header.data(), static_cast<uint32_t>(header.size()), &handle), 0);
-  ASSERT_EQ(manager.Play(handle, Count, 0), 0);
-  ASSERT_EQ(manager.InputData(handle, chunk.data(), static_cast<int32_t>(chunk.size())), 0);
-  for (uint32_t start = GetTickCount(); g_pictures.load() < before + 26 && GetTickCount() - start < 20000;)
-    Sleep(1);
-  EXPECT_EQ(g_pictures.load(), before + 26);  // the 26 video frames of the chunk
+  int32_t handle = open();
+  ASSERT_EQ(manager.InputData(handle, chunk.data(), int32_t(chunk.size())), 0);
+  for (uint32_t start = GetTickCount(); g_pictures.load() < before + 26 && GetTickCount() - start < 20000;) Sleep(1);
+  EXPECT_EQ(g_pictures.load(), before + 26);
   EXPECT_EQ(manager.CloseStream(handle), 0);
-  for (int i = 0; i < 3; ++i) std::remove((base + std::to_string(i) + ".tqf").c_str());
 }
 
 }  // namespace

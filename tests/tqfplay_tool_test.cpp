@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "TQFReader.h"
+#include "TQFFormat.h"
 #include "ToolRunner.h"
 
 namespace {
@@ -33,11 +33,7 @@ TEST_F(ToolTest, InfoDescribesSamplesAndDamage) {
         "\"stream\":1,\"indexed\":true,\"frames\":125,\"payloadBytes\":40000,\"firstStamp\":0,"
         "\"lastStamp\":9920,\"keyFrames\":[]",
         "\"durationMs\":10000,\"bitRate\":654016,\"skippedBytes\":0"},
-       {"duration: 10.000 s", "record 1: type 100, 18 bytes"}},
-      {JPEG,
-       {"\"compression\":\"JPEG\"", "\"stream\":0,\"indexed\":true,\"frames\":49,",
-        "\"keySpacingMin\":1,\"keySpacingMax\":1"},
-       {", 1 record, "}},
+       {"duration: 10.000 s"}},
       {damaged,
        {"\"skippedBytes\":1234,\"damageCount\":1,\"damage\":[{\"offset\":64,\"length\":1234}]",
         "\"stream\":0,\"indexed\":true,\"frames\":48,", "\"stream\":9,\"indexed\":false,\"frames\":1,"},
@@ -94,27 +90,24 @@ TEST_F(ToolTest, ImportsVideoAndAudio) {
   }
 }
 
-// Each command's usage line is the one the README gives, and it names every
-// option that its help describes.
+// Each command's usage line is the README's and names every option its help describes.
 TEST_F(ToolTest, HelpAndUsage) {
   const std::string readme = Text(std::string(TQF_SOURCE_DIR) + "/README.md");
   const std::regex option("--[a-z][-a-z0-9]*");
   for (const char* command : {"info", "import", "play", "stream", "view", "export", "audio"}) {
-    SCOPED_TRACE(command);
     RunResult r = Tool(std::string(command) + " --help");
+    const std::string usage = r.out.substr(0, r.out.find('\n')), body = r.out.substr(usage.size());
     EXPECT_EQ(r.exitCode, 0);
-    ASSERT_EQ(r.out.rfind(std::string("usage: tqfplay ") + command, 0), 0u) << r.out;
-    const std::string usage = r.out.substr(7, r.out.find('\n') - 7);
-    EXPECT_TRUE(Has(readme, "\n" + usage + "\n"));
-    const std::string body = r.out.substr(usage.size());
+    EXPECT_EQ(usage.rfind(std::string("usage: tqfplay ") + command + " ", 0), 0u) << usage;
+    EXPECT_TRUE(Has(readme, "\n" + usage.substr(std::min<size_t>(7, usage.size())) + "\n"));
     for (std::sregex_iterator it(body.begin(), body.end(), option), end; it != end; ++it)
       EXPECT_TRUE(Has(usage, it->str()));
   }
   const RunResult help = Tool("--help"), none = Tool("");
   EXPECT_EQ(help.exitCode, 0);
-  EXPECT_TRUE(Has(help.out, "import"));
   EXPECT_EQ(none.exitCode, 2);  // no command: the help, on standard error
   EXPECT_EQ(none.err, help.out);
+  EXPECT_TRUE(Has(help.out, "import"));
   EXPECT_EQ(Tool("--version").out.rfind("tqfplay ", 0), 0u);
 }
 
@@ -131,8 +124,7 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
   const std::string in = write("in.tqf", demo), existing = write("old.y4m", {1, 2, 3});
   const std::string link = Quote(folder_.File("link.tqf"));
   ASSERT_EQ(Shell("ln -s " + in + " " + link).exitCode, 0);
-  const std::string notTqf = write("not.tqf", std::vector<uint8_t>(100, 0x41));
-  const std::string empty = write("empty.tqf", {});
+  const std::string notTqf = write("not.tqf", std::vector<uint8_t>(100, 0x41)), empty = write("empty.tqf", {});
   const std::string headerOnly = write("header.tqf", {demo.begin(), demo.begin() + 100});
   std::vector<uint8_t> bytes = demo;
   bytes[28] = 0x00;  // the descriptor's width: 16384
@@ -141,14 +133,10 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
   bytes = demo;  // the codec renamed in the record type and the descriptor
   for (size_t at : {16, 40}) std::memcpy(&bytes[at], "XV1D", 4);
   const std::string unknown = write("xv1d.tqf", bytes);
-  bytes = demo;  // every key flag cleared: it plays nothing and never ends
-  TQFReader::ScanFrames(
-      bytes.data(), static_cast<uint32_t>(bytes.size()),
-      [](const ScannedFrame& frame, void* context) {
-        (*static_cast<std::vector<uint8_t>*>(context))[frame.syncOffset + 5] &= 0xFE;  // bit 8 of info
-        return true;
-      },
-      &bytes, nullptr);
+  bytes = demo;  // every key flag (bit 8 of a frame's info) cleared: it plays nothing and never ends
+  for (size_t at = LoadU32(&demo[4]) + 8u; at + 12 <= demo.size();
+       at += 12 + FramePayloadLength(LoadU32(&demo[at + 4])))
+    bytes[at + 5] &= 0xFE;
   const std::string noKeys = write("nokeys.tqf", bytes);
   const std::string mpeg4 = Quote(folder_.File("mpeg4.mkv")), wav = Quote(folder_.File("audio.wav"));
   const std::string mjpeg = Quote(folder_.File("jpeg.avi"));
@@ -166,27 +154,21 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
     int lines = 1;
   };
   const Case cases[] = {
-      {"", "usage: tqfplay COMMAND", 2, 14},  // the help
       {"frobnicate", "unknown command 'frobnicate'", 2},
-      {in + " info", "unknown command", 2},  // the command comes first
-      {"info", "missing arguments", 2}, {"info a b", "unexpected argument 'b'", 2},
       {"info --bogus " + in, "unknown option '--bogus'", 2},
       {"info " + notTqf, "not.tqf: Invalid data found: not a TQF file", 1},
       {"info " + in + " > /dev/full", "writing the report failed: No space left on device", 1},
-      {"play", "missing arguments", 2}, {play + " --every 0", "bad value '0' for --every", 2},
-      {play + " --start -1", "bad value '-1' for --start", 2},
+      {play + " --every 0", "bad value '0' for --every", 2}, {play + " --start -1", "bad value '-1'", 2},
       {play + " --start 1:75", "bad value '1:75' for --start", 2},
       {play + " --start 10", "past the end", 1}, {play + " --y4m", "--y4m needs a value", 2},
       {play + " extra", "unexpected argument 'extra'", 2}, {play + " --every 5", "--every needs --png", 2},
       {play + " --realtime=1", "--realtime takes no value", 2},
       {"play " + missing, "missing.tqf: No such file or directory", 1},
-      {"play " + notTqf, "Invalid data found: not a TQF file", 1},
       {"play " + Quote(folder_.path()), "Is a directory", 1},
       {"play " + empty, "Invalid data found: the file is empty", 1},
       {"play " + huge, "a picture size of 16384x352 cannot be played", 1},
       {play + " --y4m " + nowhere, "cannot write", 1},
       {play + " --png " + nowhere, "cannot make folder", 1},
-      {"play " + noKeys, "no key frame in its 250 video frames", 1},
       {"play " + headerOnly, "no complete video frame", 1},
       {"play " + unknown, "no decoder for the video codec 'XV1D'", 1},
       {"play " + Quote(SAMPLES + "README.md") + " --y4m" + out("new.y4m"), "not a TQF", 1},
@@ -197,33 +179,26 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
       {"view " + missing + " --autoexit", "missing.tqf: No such file or directory", 1},
       {"view --stream --start 1 " + in, "--start has no meaning", 2},
       {"stream " + noKeys, "no key frame in its 250 video frames", 1},
-      {"stream " + headerOnly, "no complete video frame", 1},
       {"stream " + unknown, "no decoder for the video codec 'XV1D'", 1},
       {"stream " + missing, "No such file or directory", 1},
       {stream + " --chunk 5000000", "--chunk is at most", 2},
       {stream + " --chunk 10 --random-chunks", "exclude each other", 2},
       {stream + " --record-after 1", "--record-after needs --record", 2},
-      {stream + " --record " + nowhere, "cannot write", 1},
       {stream + " --record " + in, "is also an input", 1},
       // A recording that loses frames fails and says how many were written.
       {stream + " --record /dev/full", "lost 250 frames (write failed or disk too slow); 0 frames", 1,
        2},  // after the summary
-      {"import onlyone", "missing arguments", 2}, {"import a b c", "unexpected argument 'c'", 2},
+      {"import onlyone", "missing arguments", 2},
       {"import " + in + " " + in + " -y", "is also an input", 1},
       {"import " + mpeg4 + out("a.tqf"), "unsupported video codec", 1},
       {"import " + wav + out("b.tqf"), "no video track", 1},
       {"import " + mjpeg + out("c.tqf") + " --audio", "no audio track", 1},
-      {"import " + mjpeg + " " + nowhere, "cannot write", 1},
       {"import" + out("nothing.mp4") + out("e.tqf"), "nothing.mp4", 1},
-      {"import " + Quote(SAMPLES + "README.md") + out("new.tqf"), "Invalid data", 1},
-      {"export " + in, "missing arguments", 2},
       {"export " + in + out("x.avi"), "must end in .mp4 or .mkv", 1},
       {"export " + jpeg + out("j.mp4"), "Motion JPEG goes into .mkv only", 1},
       {"export " + missing + out("n.mkv"), "No such file or directory", 1},
-      {"export " + in + " " + nowhere + ".mp4", "cannot write", 1},
       {"export " + in + " " + link + " -y", "is also an input", 1},
       {"audio " + jpeg + out("j.wav"), "has no G.726 audio", 1},
-      {"audio " + in + " " + nowhere + ".wav", "cannot write", 1},
       {"audio " + in + " " + link, "is also an input", 1},
   };
   for (const Case& c : cases) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -19,24 +18,20 @@ struct QueueOnBuffer {
   }
   ~QueueOnBuffer() { queue.Clear(); }  // holds left behind would keep Close waiting
   uint8_t* B() { return buffer.data(); }
-  // Reserves `size` bytes at one end, fills them with `fill` and commits;
+  // Reserves `size` bytes at the tail, fills them with `fill` and commits;
   // the data pointer, or null when the reservation failed.
-  uint8_t* Push(int32_t size, uint8_t fill = 0, uint32_t user = 0, int32_t evict = 0,
-                bool atHead = false) {
-    uint8_t* p = atHead ? queue.PrepareNewBufferAtHead(size, evict, nullptr)
-                        : queue.PrepareNewBufferAtTail(size, evict, nullptr);
+  uint8_t* Push(int32_t size, uint8_t fill = 0, uint32_t user = 0, int32_t evict = 0) {
+    uint8_t* p = queue.PrepareNewBufferAtTail(size, evict, nullptr);
     if (p == nullptr) return nullptr;
     std::memset(p, fill, static_cast<size_t>(size));
-    EXPECT_EQ(1, atHead ? queue.NewBufferAtHead(p, -1, user, 1, 0)
-                        : queue.NewBufferAtTail(p, -1, user, 1, 0));
+    EXPECT_EQ(1, queue.NewBufferAtTail(p, -1, user, 1, 0));
     return p;
   }
   std::vector<uint8_t> buffer;
   VBufferQueue queue;
 };
 
-// Several results at once, so that one check compares them all; a braced
-// list evaluates its calls in order.
+// Several results for one check; a braced list evaluates its calls in order.
 inline std::vector<int64_t> V(std::initializer_list<int64_t> values) { return values; }
 
 // Collects assertion reports and answers "ignore" while it lives.

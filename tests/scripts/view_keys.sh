@@ -1,9 +1,7 @@
 #!/bin/sh
-# Drives `tqfplay view` with xdotool on the X server it runs under (xvfb-run)
-# and checks what each key does, in the window's title and on the screen.
-# Usage: view_keys.sh TQFPLAY FILE.tqf. Prints one line per check passed;
-# exits 1 with the reason at the first that fails. Every wait is for something
-# to happen, bounded by 30 s of wall time however slow the machine.
+# view_keys.sh TQFPLAY FILE.tqf: drives `tqfplay view` with xdotool under xvfb-run and
+# checks each key in the window's title and on the screen. Prints a line per check
+# passed; exits 1 with the reason at the first failure. Each wait is bounded by 30 s.
 set -eu
 tool=$1 file=$2 name=$(basename "$2") pid= win=
 
