@@ -32,8 +32,7 @@ inline PictureRun* g_run = nullptr;
 inline std::atomic<bool> g_ended{false};
 inline std::mutex g_mutex;
 
-inline int32_t Collect(int32_t, uint8_t* picture, int32_t size, int32_t, int32_t,
-                       uint32_t, int32_t, int32_t, uint32_t) {
+inline int32_t Collect(int32_t, uint8_t* picture, int32_t size, int32_t, int32_t, uint32_t, int32_t, int32_t, uint32_t) {
   std::lock_guard<std::mutex> guard(g_mutex);
   g_run->hashes.push_back(HashBytes(picture, static_cast<size_t>(size)));
   if (g_run->first.empty()) g_run->first.assign(picture, picture + size);
@@ -75,17 +74,14 @@ inline PictureRun PlayThroughLibrary(const std::string& path) {
 inline PictureRun ReadY4M(const std::string& path) {
   PictureRun run;
   std::vector<uint8_t> bytes = ReadWholeFile(path);
-  const uint8_t* end = bytes.data() + bytes.size();
-  const uint8_t* p = bytes.data();
+  const uint8_t *p = bytes.data(), *end = p + bytes.size();
   const uint8_t* line = static_cast<const uint8_t*>(std::memchr(p, '\n', bytes.size()));
   int width = 0, height = 0;
-  if (line == nullptr ||
-      std::sscanf(std::string(p, line).c_str(), "YUV4MPEG2 W%d H%d", &width, &height) != 2)
+  if (line == nullptr || std::sscanf(std::string(p, line).c_str(), "YUV4MPEG2 W%d H%d", &width, &height) != 2)
     return run;
   size_t frameSize = static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2;
   for (p = line + 1; p < end;) {
-    if (static_cast<size_t>(end - p) < 6 + frameSize || std::memcmp(p, "FRAME\n", 6) != 0)
-      return run;
+    if (static_cast<size_t>(end - p) < 6 + frameSize || std::memcmp(p, "FRAME\n", 6) != 0) return run;
     run.hashes.push_back(HashBytes(p + 6, frameSize));
     p += 6 + frameSize;
   }

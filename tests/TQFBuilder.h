@@ -18,10 +18,9 @@ inline void PutLE32(Bytes& b, uint32_t v) {
 
 inline uint32_t FourCC(const char* text) { return MakeFourCC(text[0], text[1], text[2], text[3]); }
 
-// The 40-byte media descriptor.
+// The 40-byte media descriptor: one plane, 12 bits per pixel.
 inline Bytes Descriptor(uint32_t compression, int32_t width, int32_t height) {
   Bytes d;
-  // planes 1, 12 bits per pixel
   for (uint32_t v : {TQF_MEDIA_DESCRIPTOR_SIZE, uint32_t(width), uint32_t(height), 0x000C0001u, compression})
     PutLE32(d, v);
   d.resize(TQF_MEDIA_DESCRIPTOR_SIZE, 0);
@@ -39,8 +38,7 @@ inline Bytes Header(const std::vector<Record>& records, int64_t countOverride = 
                     int32_t lengthDelta = 0) {
   Bytes body;
   for (const Record& r : records) {
-    PutLE32(body, r.type);  // record head: type, length
-    PutLE32(body, static_cast<uint32_t>(r.payload.size()));
+    for (uint32_t v : {r.type, static_cast<uint32_t>(r.payload.size())}) PutLE32(body, v);  // record head
     body.insert(body.end(), r.payload.begin(), r.payload.end());
   }
   Bytes h;
@@ -82,8 +80,7 @@ inline Bytes Payload(uint32_t n, uint8_t seed = 1) {
 // tests that follow frames through decoders and callbacks.
 inline Bytes IdPayload(uint32_t n, uint16_t id) {
   Bytes p = Payload(n, static_cast<uint8_t>(id));
-  p[0] = static_cast<uint8_t>(id);
-  p[1] = static_cast<uint8_t>(id >> 8);
+  p[0] = static_cast<uint8_t>(id), p[1] = static_cast<uint8_t>(id >> 8);
   return p;
 }
 

@@ -14,8 +14,7 @@
 
 struct RunResult {
   int exitCode;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 inline std::string Quote(const std::string& text) { return "'" + text + "'"; }

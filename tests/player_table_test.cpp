@@ -16,17 +16,14 @@ TEST(PlayerTable, KeepsHandlesInOrderThroughGrowthAndShrinking) {
   EXPECT_FALSE(table.Insert(9, Holder(99)));
   ASSERT_EQ(table.end - table.data, 4);
   const int order[] = {1, 3, 5, 9};
-  for (int i = 0; i < 4; ++i) EXPECT_TRUE(table.data[i].handle == order[i] && table.Find(order[i]) == i) << i;
-  EXPECT_EQ(table.data[3].holder, Holder(9));
+  for (int i = 0; i < 4; ++i)
+    EXPECT_TRUE(table.data[i].handle == order[i] && table.data[i].holder == Holder(order[i]) && table.Find(order[i]) == i) << i;
   EXPECT_EQ(table.Find(4), -1);
   for (int h = 10; h < 1500; ++h) ASSERT_TRUE(table.Insert(h, Holder(h)));
   for (int i = 2; i < 7; ++i) table.data[i].handle = 4;  // 1 3 4 4 4 4 4 12 13 ...
-  EXPECT_EQ(table.Find(4), 2);
-  EXPECT_EQ(table.Find(13), 7);
-  EXPECT_GE(table.capacity, 1494u);
+  EXPECT_TRUE(table.Find(4) == 2 && table.Find(13) == 7 && table.capacity >= 1494u);
   while (table.count > 1) table.RemoveAt(0);
-  EXPECT_LT(table.capacity, 1494u);
-  EXPECT_EQ(table.data[0].holder, Holder(1499));
+  EXPECT_TRUE(table.capacity < 1494u && table.data[0].holder == Holder(1499));
   table.RemoveAt(0);
   EXPECT_TRUE(table.capacity == 0 && table.data == nullptr);
   ASSERT_TRUE(table.Insert(600, Holder(600)));

@@ -78,32 +78,9 @@ TEST_F(StreamParser, GarbageThenTwoFramesResynchronisesOnTheSecondSync) {
   EXPECT_EQ(g_blocks[1].second, BlockOf(b));
 }
 
-TEST_F(StreamParser, SyncWordInsideAPayloadIsSteppedOverDuringResync) {
-  Bytes tricky = Payload(64, 9);
-  const uint8_t sync[4] = {0x55, 0xAA, 0xA5, 0x5A};
-  memcpy(tricky.data() + 20, sync, 4);  // a false candidate at payload offset 20
-  const Bytes b = Frame(Info(30, KEY, 0), 8, Payload(30));
-  const Bytes c = Frame(Info(30, 0, 0), 9, Payload(30, 5));
-  Feed(Concat({Bytes{1, 2, 3}, Frame(Info(64, KEY, 0), 7, tricky), b, c}));
-  // The inner sync ends the first frame's candidacy and fails the length test
-  // itself: `b`, confirmed by `c`'s sync, is the first frame found again.
-  ASSERT_EQ(Queued(), 2u);
-  EXPECT_EQ(g_blocks[0].second, BlockOf(b));
-  EXPECT_EQ(g_blocks[1].second, BlockOf(c));
-}
-
-TEST_F(StreamParser, PayloadLimitIs524288Bytes) {
-  Feed(Frame(Info(524288, KEY, 0), 1, Payload(524288)));
-  ASSERT_EQ(Queued(), 1u);
-  EXPECT_TRUE(capture_.Lines().empty());
-  Feed(Frame(Info(524289, 0, 0), 2, Payload(16)));
-  EXPECT_EQ(capture_.Lines(), std::vector<std::string>{"TQF Frame length too big.\n"});
-  EXPECT_TRUE(player_->lostSync);
-  EXPECT_EQ(Queued(), 1u);
-}
-
 // Past the 4 MiB buffer everything held is dropped, and a chunk larger than
-// the buffer is refused whole; both still answer 0.
+// the buffer is refused whole; both still answer 0. Sync is found again only
+// through a confirmed frame.
 TEST_F(StreamParser, OverflowDropsEverythingAndNeedsAConfirmedFrameAfter) {
   Feed(Concat({Bytes{0x55, 0xAA, 0xA5, 0x5A}, Bytes(96, 0x77)}));  // held, unconfirmed
   ASSERT_EQ(player_->parseLength, 100);
@@ -111,11 +88,14 @@ TEST_F(StreamParser, OverflowDropsEverythingAndNeedsAConfirmedFrameAfter) {
   EXPECT_EQ(capture_.Lines().back(), "TQF buffer overflow.\n");
   EXPECT_EQ(player_->parseLength, 0);
   EXPECT_TRUE(player_->lostSync);
-  const Bytes a = Frame(Info(20, KEY, 0), 1, Payload(20));
-  Feed(a);
-  EXPECT_EQ(Queued(), 0u);  // alone, a frame is not confirmed
-  Feed(a);                  // its successor confirms it, and is in sync itself
-  EXPECT_EQ(Queued(), 2u);
+  // A sync word inside a payload ends that frame's candidacy and fails the
+  // length test itself: `b`, confirmed by `c`'s sync, is found again.
+  Bytes tricky = Payload(64, 9);
+  memcpy(tricky.data() + 20, "\x55\xAA\xA5\x5A", 4);
+  const Bytes b = Frame(Info(30, KEY, 0), 8, Payload(30)), c = Frame(Info(30, 0, 0), 9, Payload(30, 5));
+  Feed(Concat({Frame(Info(64, KEY, 0), 7, tricky), b, c}));
+  ASSERT_EQ(Queued(), 2u);
+  EXPECT_EQ(g_blocks[0].second, BlockOf(b));
   EXPECT_EQ(capture_.Lines().back(), "TQF resync.\n");
   Feed(Bytes(4194305, 0));
   EXPECT_EQ(capture_.Lines().size(), 3u);
@@ -123,19 +103,23 @@ TEST_F(StreamParser, OverflowDropsEverythingAndNeedsAConfirmedFrameAfter) {
 }
 
 // Empty frames and streams other than 0 and 1 are dropped silently; until the
-// first key frame of either stream, every frame is dropped.
-TEST_F(StreamParser, EmptyForeignAndPreKeyFramesAreDroppedSilently) {
+// first key frame of either stream, every frame is dropped. A payload may be
+// 524288 bytes, one more loses sync.
+TEST_F(StreamParser, EmptyForeignAndPreKeyFramesAreDroppedSilentlyAndPayloadsAreLimited) {
   Feed(Frame(Info(0, KEY, 0), 1, {}));
   Feed(Frame(Info(10, KEY, 2), 2, Payload(10)));
   Feed(Frame(Info(10, 0, 0), 3, Payload(10)));
   EXPECT_TRUE(player_->awaitFirstKey);
   Feed(Frame(Info(10, KEY, 1), 4, Payload(10)));  // audio key: ends the wait
-  Feed(Frame(Info(10, 0, 0), 5, Payload(10)));
+  Feed(Frame(Info(524288, 0, 0), 5, Payload(524288)));
   ASSERT_EQ(Queued(), 2u);
   EXPECT_EQ(g_blocks[0].first, 1);
   EXPECT_EQ(g_blocks[1].first, 0);
   EXPECT_EQ(player_->parseLength, 0);
   EXPECT_TRUE(capture_.Lines().empty());
+  Feed(Frame(Info(524289, 0, 0), 6, Payload(16)));
+  EXPECT_EQ(capture_.Lines(), std::vector<std::string>{"TQF Frame length too big.\n"});
+  EXPECT_TRUE(player_->lostSync);
 }
 
 }  // namespace

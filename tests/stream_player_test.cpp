@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <vector>
@@ -25,9 +26,8 @@ namespace {
 Bytes Video(uint32_t stamp, bool key, uint32_t n = 50) { return Frame(Info(n, key ? KEY : 0, 0), stamp, Payload(n)); }
 
 size_t Count(DiagnosticsCapture& capture, const std::string& text) {
-  size_t n = 0;
-  for (const std::string& line : capture.Lines()) n += line == text;
-  return n;
+  const auto lines = capture.Lines();
+  return size_t(std::count(lines.begin(), lines.end(), text));
 }
 
 class StreamPlayerTest : public ::testing::Test {
@@ -261,25 +261,26 @@ TEST_F(StreamRecording, SamePathGoesOnAndAnotherPathStartsAtTheNextKeyFrame) {
   EXPECT_EQ(ReadWholeFile(second), Concat({header_, f4}));
 }
 
-TEST_F(StreamRecording, NotPlayingIgnoresStartAndStopAndCloseEndsTheFile) {
-  const std::string never = folder_.File("never"), trap = folder_.File("trap");
+// A stopped player ignores both: no file is started, and none is stopped.
+TEST_F(StreamRecording, NotPlayingIgnoresStartAndStop) {
+  const std::string never = folder_.File("never"), kept = folder_.File("kept");
   manager_.Stop(h_);
   EXPECT_EQ(manager_.StartRecord(h_, never.c_str()), 0);
   manager_.Play(h_, LogPicture, 0);
   FeedAndDrain(Video(1, true));
   EXPECT_FALSE(Exists(never));
-  manager_.StartRecord(h_, trap.c_str());
+  manager_.StartRecord(h_, kept.c_str());
+  manager_.Stop(h_);
+  EXPECT_EQ(manager_.StopRecord(h_), 0);
+  manager_.Play(h_, LogPicture, 0);
   const Bytes f = Video(2, true);
   FeedAndDrain(f);
-  manager_.Stop(h_);
-  EXPECT_EQ(manager_.StopRecord(h_), 0);  // no effect while stopped
-  EXPECT_TRUE(Player(h_)->recording.load());
-  ASSERT_EQ(manager_.CloseStream(h_), 0);  // closes the file
-  EXPECT_EQ(ReadWholeFile(trap), Concat({header_, f}));
+  EXPECT_EQ(ReadWholeFile(kept), Concat({header_, f}));
 }
 
 // A device that fails its writes: each lost frame is told in a debug line.
-// A path that cannot be created is tried again at every video frame.
+// A path that cannot be created is tried again at every video frame. Closing
+// the stream ends the recording's file.
 TEST_F(StreamRecording, FailedWritesAreToldAndAPathThatCannotBeCreatedIsRetried) {
   DiagnosticsCapture capture;
   manager_.StartRecord(h_, "/dev/full");
@@ -293,7 +294,7 @@ TEST_F(StreamRecording, FailedWritesAreToldAndAPathThatCannotBeCreatedIsRetried)
   ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
   const Bytes f = Video(4, true);
   FeedAndDrain(f);
-  manager_.StopRecord(h_);
+  ASSERT_EQ(manager_.CloseStream(h_), 0);
   EXPECT_EQ(ReadWholeFile(path), Concat({header_, f}));
 }
 

@@ -28,13 +28,9 @@ TEST_F(WriterTest, RecordsComeFirstAndFifteenAtMost) {
   const uint8_t data[4] = {1, 2, 3, 4};
   EXPECT_EQ(writer_.AddRecord(7, nullptr, -1), -1);
   for (int32_t i = 0; i < 15; ++i) ASSERT_EQ(writer_.AddRecord(100, data, 3), i);
-  fflush(writer_.file);
-  const std::vector<uint8_t> before = ReadWholeFile(path_);
   EXPECT_EQ(writer_.AddRecord(100, data, 3), -1);
-  fflush(writer_.file);
-  EXPECT_EQ(ReadWholeFile(path_), before);
-  EXPECT_EQ(LoadU32(before.data() + 4), 8u + 15 * 11);
   writer_.Close();
+  EXPECT_EQ(Size(), 16u + 15 * 11);
 
   ASSERT_TRUE(writer_.Create(path_.c_str(), 0));
   TQFFrameHeader wrong{MakeFrameInfo(5, true, 0), 0}, right{MakeFrameInfo(4, true, 0), 0};
@@ -61,7 +57,6 @@ TEST_F(WriterTest, CreateAppendAndCloseRules) {
   EXPECT_EQ(IsFileExist(other.c_str()), 0);
   writer_.Close();
   writer_.Close();
-  EXPECT_EQ(writer_.file, nullptr);
   EXPECT_EQ(Size(), 16u);
   TQFReader reader;
   EXPECT_FALSE(reader.Open(path_.c_str()));
@@ -73,7 +68,6 @@ TEST_F(WriterTest, CreateAppendAndCloseRules) {
   ASSERT_TRUE(writer_.WriteFrame(&header, payload, 3));
   writer_.Close();
   ASSERT_TRUE(writer_.Create(path_.c_str(), 1));
-  EXPECT_EQ(writer_.framesStarted, 0);
   ASSERT_TRUE(writer_.WriteFrame(&header, payload, 3));
   ASSERT_TRUE(writer_.WriteFrame(&header, payload, 3));
   writer_.Close();

