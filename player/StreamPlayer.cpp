@@ -239,6 +239,10 @@ void StreamPlayer::Dispatch(uint32_t info) {
 }
 
 void StreamPlayer::WakeWorker() {
+  // The fence orders the frame just queued before the look at `workerIdle`;
+  // it pairs with the worker's fence between setting the flag and its last
+  // look at the queues, so that one of the two sees the other's write.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
   if (workerIdle.exchange(false)) SetEvent(workerWake);
 }
 
@@ -246,20 +250,16 @@ void StreamPlayer::WorkerStep() {
   const int32_t videoCount = videoQueue.GetBufferCount();
   const int32_t audioCount = audioQueue.GetBufferCount();
   if (videoCount == 0 && audioCount == 0) {
-    // Announce the sleep, look once more, then wait for the parser's signal.
-    // The signal is what wakes the worker; the timeout is only a fallback,
-    // 1 ms at first and longer the longer the stream stays idle, so that an
-    // idle player costs next to nothing.
+    // Announce the sleep, look once more, then wait for the parser's signal
+    // (or the stop's). No timeout: an idle stream makes no wake-ups at all.
     workerIdle.store(true);
+    std::atomic_thread_fence(std::memory_order_seq_cst);  // pairs with WakeWorker's
     if (videoQueue.GetBufferCount() == 0 && audioQueue.GetBufferCount() == 0 &&
-        !stopWorker.load(std::memory_order_acquire)) {
-      WaitForSingleObject(workerWake, idleWaitMs);
-      idleWaitMs = idleWaitMs * 2 > MAX_IDLE_WAIT_MS ? MAX_IDLE_WAIT_MS : idleWaitMs * 2;
-    }
+        !stopWorker.load(std::memory_order_acquire))
+      WaitForSingleObject(workerWake, INFINITE);
     workerIdle.store(false);
     return;
   }
-  idleWaitMs = 1;
   bool worked = false;
   if (videoCount > 0) worked |= VideoStep();
   if (audioCount > 0) worked |= AudioStep();

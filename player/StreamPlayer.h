@@ -20,9 +20,9 @@
 //     that ends, so that every frame fed before the stop is in its file.
 //
 // The worker sleeps on `workerWake` when both queues are empty; the parser
-// signals it when it queues a frame while the worker sleeps. The wait's
-// timeout is a fallback only: 1 ms after work, doubling while the stream
-// stays idle, up to MAX_IDLE_WAIT_MS.
+// signals it when it queues a frame while the worker sleeps, and the stop
+// signals it after `stopWorker`. The wait has no timeout, so an idle stream
+// costs no wake-ups.
 #pragma once
 
 #include <atomic>
@@ -40,7 +40,6 @@ constexpr int32_t PARSE_BUFFER_SIZE = 4194304;
 constexpr int32_t STREAM_VIDEO_QUEUE_SIZE = 33554432;
 constexpr int32_t STREAM_AUDIO_QUEUE_SIZE = 524288;
 constexpr int32_t STREAM_RECORD_QUEUE_SIZE = 16777216;
-constexpr uint32_t MAX_IDLE_WAIT_MS = 128;
 
 struct StreamPlayer : PlayerCore {
   // Guards the recording: `awaitRecordKey`, `recordPath`, `recordWriter` and
@@ -86,7 +85,6 @@ struct StreamPlayer : PlayerCore {
   // The worker's wake-up: auto-reset, set by the parser when `workerIdle`.
   HANDLE workerWake = nullptr;
   std::atomic<bool> workerIdle{false};
-  uint32_t idleWaitMs = 1;  // the worker's own: its idle wait's fallback timeout
 
   // Validates `header` (`size` bytes), opens the decoder and the queues and
   // starts the worker. Raises -1 for a header that is not a TQF stream header
