@@ -1,10 +1,11 @@
 #include "LibrarySession.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "Interruption.h"
 
 namespace {
 
@@ -27,7 +28,6 @@ struct SessionSlot {
 };
 
 SessionSlot g_slot;
-volatile std::sig_atomic_t g_interrupted = 0;
 
 int32_t DeliverPicture(int32_t handle, uint8_t* picture, int32_t size, int32_t width,
                        int32_t height, uint32_t stamp, int32_t, int32_t, uint32_t user) {
@@ -50,8 +50,6 @@ void ReceiveDebugLine(const char* line, void*) {
   if (g_slot.forwardDebug) std::fputs(line, stderr);
 }
 
-void NoteInterrupt(int signal) { g_interrupted = signal; }
-
 }  // namespace
 
 LibrarySession::LibrarySession(PictureHandler handler, void* context) {
@@ -63,15 +61,13 @@ LibrarySession::LibrarySession(PictureHandler handler, void* context) {
   g_slot.forwardDebug = debug != nullptr && *debug != '\0';
   TQ_SetDebugSink(ReceiveDebugLine, nullptr);
   TQ_Initial();
-  std::signal(SIGINT, NoteInterrupt);
-  std::signal(SIGTERM, NoteInterrupt);
+  CatchInterruptions(/*hook=*/nullptr, /*context=*/nullptr);
 }
 
 LibrarySession::~LibrarySession() {
   TQ_Free();
   TQ_SetDebugSink(nullptr, nullptr);
-  std::signal(SIGINT, SIG_DFL);
-  std::signal(SIGTERM, SIG_DFL);
+  ReleaseInterruptions();
   g_slot.handler = nullptr;
   g_slot.context = nullptr;
 }
@@ -91,6 +87,6 @@ void LibrarySession::ClearEnd() { g_slot.fileEnded.store(false); }
 
 uint32_t LibrarySession::RecordLosses() const { return g_slot.recordLosses.load(); }
 
-bool LibrarySession::Interrupted() { return g_interrupted != 0; }
+bool LibrarySession::Interrupted() { return ::Interrupted(); }
 
-int LibrarySession::InterruptedExitCode() { return 128 + g_interrupted; }
+int LibrarySession::InterruptedExitCode() { return ::InterruptedExitCode(); }

@@ -10,8 +10,8 @@
 //   - The routing of pictures. A picture callback gets a 32-bit user value,
 //     too narrow for a pointer, so the session keeps the run's handler in a
 //     file-scope slot and gives out the user value that selects it.
-//   - Ctrl-C and SIGTERM set a flag the run polls, so that it can close its
-//     player and its outputs before it exits.
+//   - Ctrl-C and SIGTERM set a flag the run polls (Interruption.h), so that
+//     it can close its player and its outputs before it exits.
 // One session exists at a time; its handler runs on the library's thread.
 #pragma once
 

@@ -8,6 +8,7 @@
 #include "ImportCommand.h"
 #include "InfoCommand.h"
 #include "PlayCommand.h"
+#include "ServeCommand.h"
 #include "StreamCommand.h"
 #include "ViewCommand.h"
 
@@ -18,6 +19,7 @@ const Command* const COMMANDS[] = {
     &IMPORT_COMMAND,
     &PLAY_COMMAND,
     &STREAM_COMMAND,
+    &SERVE_COMMAND,
     &VIEW_COMMAND,
     &EXPORT_COMMAND,
     &AUDIO_COMMAND,
