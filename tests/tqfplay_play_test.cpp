@@ -1,7 +1,8 @@
-// play, stream, view, export and audio end to end: the built tqfplay on the
-// samples in a temporary folder, its outputs compared with the pictures the
-// library gives a host of its own (PlayThroughLibrary) and with its G.726
-// module's samples. Their errors: tqfplay_tool_test.
+// play, stream, view (one source and a grid), export and audio end to end:
+// the built tqfplay on the samples in a temporary folder, its outputs
+// compared with the pictures the library gives a host of its own
+// (PlayThroughLibrary) and with its G.726 module's samples. Their errors:
+// tqfplay_tool_test.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,12 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "G726.h"
 #include "PictureReference.h"
 #include "TQFFormat.h"
 #include "ToolRunner.h"
+#include "ViewGrid.h"
 
 namespace {
 
@@ -77,16 +80,18 @@ TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4MAndPng) {
   EXPECT_LT(MeanDifference(ToRgb(folder_, "-i " + Quote(stills + "/000000.png")), first), 0.5);
 }
 
-// From a file or standard input, in chunks of any size. A recording
+// From a file, standard input or a FIFO, in chunks of any size. A recording
 // holds video only, from the start or from the next key frame after
 // --record-after; its last frame is not indexed.
 TEST_F(PlayTest, StreamDeliversEveryFrameAndRecordsIt) {
   const std::string y4m = Quote(folder_.File("stream.y4m"));
   const std::string recorded = Quote(folder_.File("recorded.tqf")), replay = folder_.File("replay.y4m");
   const std::string stream = TOOL + " stream -y ", demo = Quote(DEMO), record = " --record " + recorded;
+  const std::string fifo = Quote(folder_.File("fifo"));
   const std::pair<std::string, int> cases[] = {  // the command, and the first frame recorded (-1: none)
       {stream + demo + " --random-chunks --seed 7 --y4m " + y4m + record, 0},
-      {"cat " + demo + " | " + stream + "- --chunk 1000 --y4m - " + record + " --record-after 4 > " + y4m, 100}};
+      {"cat " + demo + " | " + stream + "- --chunk 1000 --y4m - " + record + " --record-after 4 > " + y4m, 100},
+      {"mkfifo " + fifo + " && (cat " + demo + " > " + fifo + " &) && " + stream + fifo + " --y4m " + y4m, -1}};
   for (const auto& [command, recordedFrom] : cases) {
     SCOPED_TRACE(command);
     RunResult r = Shell(command);
@@ -143,6 +148,146 @@ TEST_F(PlayTest, ViewerKeysUnderXvfb) {
                       " " + Quote(DEMO));
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_EQ(Lines(r.out), 6) << r.out;
+}
+
+// The grid of several sources: its layout arithmetic on its own, then the
+// built tqfplay showing files and served cameras, each tile told apart by its
+// colours (tests/scripts/view_grid.sh drives the window).
+TEST(ViewGridTest, GridSideHoldsTheCount) {
+  const int sides[] = {0, 1, 2, 2, 2, 3, 3, 3, 3, 3, 4, 4, 4, 4, 4, 4, 4, 0};  // counts 0 to 17
+  for (int count = 0; count < 18; ++count) EXPECT_EQ(GridSide(count), sides[count]) << count;
+}
+
+// Tiles cover the window without gaps or overlap, uneven sizes included, and
+// a point falls in the tile that covers it.
+TEST(ViewGridTest, TilesCoverTheWindowAndHitTestsAgree) {
+  for (const auto& [side, width, height] :
+       {std::tuple{1, 640, 352}, {2, 721, 397}, {3, 100, 50}, {4, 1283, 722}}) {
+    std::vector<int> owner(static_cast<size_t>(width * height), -1);
+    for (int i = 0; i < side * side; ++i) {
+      const ViewRect r = TileRect(side, i, width, height);
+      for (int y = r.y; y < r.y + r.h; ++y)
+        for (int x = r.x; x < r.x + r.w; ++x) {
+          EXPECT_EQ(owner[static_cast<size_t>(y * width + x)], -1);
+          owner[static_cast<size_t>(y * width + x)] = i;
+        }
+    }
+    for (int y = 0; y < height; y += 7)
+      for (int x = 0; x < width; x += 5)
+        ASSERT_EQ(TileAt(side, side * side, width, height, x, y), owner[static_cast<size_t>(y * width + x)]);
+  }
+  EXPECT_EQ(TileAt(2, 3, 200, 100, 150, 75), -1);  // the fourth place of three tiles
+  EXPECT_EQ(TileAt(2, 4, 200, 100, 200, 50), -1);  // outside the window
+}
+
+TEST(ViewGridTest, PictureKeepsItsShapeCentredInTheTile) {
+  struct Case {
+    ViewRect tile;
+    int width, height;
+    ViewRect fitted;
+  } cases[] = {
+      {{0, 0, 360, 198}, 320, 240, {48, 0, 264, 198}},      // narrower: bars left and right
+      {{360, 198, 360, 198}, 640, 180, {360, 246, 360, 101}},  // wider: bars above and below
+      {{10, 20, 300, 150}, 640, 320, {10, 20, 300, 150}},    // the same shape
+      {{0, 0, 50, 40}, 0, 0, {0, 0, 50, 40}},                // no picture yet
+  };
+  for (const Case& c : cases) {
+    const ViewRect r = FitPicture(c.tile, c.width, c.height);
+    EXPECT_EQ(std::vector<int>({r.x, r.y, r.w, r.h}),
+              std::vector<int>({c.fitted.x, c.fitted.y, c.fitted.w, c.fitted.h}));
+  }
+}
+
+constexpr int SHOT_WIDTH = 160, SHOT_HEIGHT = 120;
+
+// A screenshot scaled to SHOT_WIDTH x SHOT_HEIGHT as packed RGB24 (the tiles
+// are the quadrants whatever the window's size); empty if it does not load.
+std::vector<uint8_t> LoadShot(const TempFolder& folder, const std::string& png) {
+  std::vector<uint8_t> rgb = ToRgb(folder, "-i " + Quote(png) + " -vf scale=" + std::to_string(SHOT_WIDTH) +
+                                               ":" + std::to_string(SHOT_HEIGHT));
+  if (rgb.size() != SHOT_WIDTH * SHOT_HEIGHT * 3) rgb.clear();
+  return rgb;
+}
+
+// What a region shows, below the caption at its top left: 'r', 'g' or 'b' for
+// a plain colour, 'x' for a varied picture, '?' for anything else.
+char RegionContent(const std::vector<uint8_t>& shot, int left, int top, int width, int height) {
+  double mean[3] = {}, spread = 0;
+  std::vector<const uint8_t*> pixels;
+  // The middle of the region's lower two thirds: clear of the caption and of bars.
+  for (int y = top + height * 45 / 100; y < top + height * 85 / 100; ++y)
+    for (int x = left + width * 35 / 100; x < left + width * 65 / 100; ++x)
+      pixels.push_back(&shot[static_cast<size_t>((y * SHOT_WIDTH + x) * 3)]);
+  for (const uint8_t* p : pixels)
+    for (int c = 0; c < 3; ++c) mean[c] += p[c] / static_cast<double>(pixels.size());
+  for (const uint8_t* p : pixels)
+    for (int c = 0; c < 3; ++c) spread += std::abs(p[c] - mean[c]) / pixels.size();
+  if (spread > 60) return 'x';
+  if (spread > 10) return '?';
+  const char names[] = "rgb";
+  for (int c = 0; c < 3; ++c)
+    if (mean[c] > 100 && mean[(c + 1) % 3] < 50 && mean[(c + 2) % 3] < 50) return names[c];
+  return '?';
+}
+
+// The four tiles' contents, row by row; "" for a shot that did not load.
+std::string Quadrants(const std::vector<uint8_t>& shot) {
+  std::string contents;
+  for (int i = 0; !shot.empty() && i < 4; ++i)
+    contents += RegionContent(shot, i % 2 * SHOT_WIDTH / 2, i / 2 * SHOT_HEIGHT / 2, SHOT_WIDTH / 2,
+                              SHOT_HEIGHT / 2);
+  return contents;
+}
+
+class ViewerGridTest : public PlayTest {
+ protected:
+  // A TQF file of `seconds` of plain `colour` at 320x240; "" if making it fails.
+  std::string ColourFile(const std::string& colour, int seconds) {
+    const std::string tqf = folder_.File(colour + ".tqf"), mp4 = Quote(folder_.File(colour + ".mp4"));
+    const bool made = Ffmpeg("-f lavfi -i color=c=" + colour + ":size=320x240:rate=25 -t " +
+                             std::to_string(seconds) + " -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p " + mp4) &&
+                      Tool("import -y " + mp4 + " " + Quote(tqf)).exitCode == 0;
+    return made ? tqf : "";
+  }
+};
+
+// The demo (varied) and a red file, then green and blue cameras of `serve`:
+// every tile shows its own source in the grid, key 2 shows the red tile alone
+// and Escape brings the grid back; the cameras reconnect after the server
+// restarts, and the snapshot at quitting shows them again.
+TEST_F(ViewerGridTest, FourSourcesShowUnderXvfb) {
+  if (Shell("command -v xvfb-run && command -v xdotool").exitCode != 0)
+    GTEST_SKIP() << "xvfb-run and xdotool are needed";
+  const char* colours[3] = {"red", "green", "blue"};
+  std::string files[3];
+  for (int i = 0; i < 3; ++i) ASSERT_NE(files[i] = ColourFile(colours[i], 8), "");
+  const std::string out = folder_.File("");
+  RunResult r = Shell(VIEWER_ENV + "xvfb-run -a -s '-screen 0 800x600x24' " +
+                      Quote(std::string(TQF_SOURCE_DIR) + "/tests/scripts/view_grid.sh") + " " + TOOL + " " +
+                      Quote(out) + " " + Quote(DEMO) + " " + Quote(files[0]) + " " + Quote(files[1]) + " " +
+                      Quote(files[2]));
+  ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(Lines(r.out), 6) << r.out;
+  for (const char* grid : {"grid.png", "restored.png", "snapshot.png"})
+    EXPECT_EQ(Quadrants(LoadShot(folder_, out + grid)), "xrgb") << grid;
+  const std::vector<uint8_t> enlarged = LoadShot(folder_, out + "enlarged.png");
+  ASSERT_FALSE(enlarged.empty());
+  EXPECT_EQ(RegionContent(enlarged, 0, 0, SHOT_WIDTH, SHOT_HEIGHT), 'r');
+}
+
+// Each file's end reaches its own tile: --autoexit quits once both files of
+// different lengths have ended (an end lost or sent to another tile would
+// keep it running until the watchdog), with their last pictures in place.
+TEST_F(ViewerGridTest, AutoexitWaitsForEveryFileUnderXvfb) {
+  if (Shell("command -v xvfb-run").exitCode != 0) GTEST_SKIP() << "xvfb-run is not installed";
+  const std::string red = ColourFile("red", 6);
+  ASSERT_NE(red, "");
+  const std::string shot = folder_.File("shot.png");
+  RunResult r = Shell(VIEWER_ENV + "TQFPLAY_VIEW_SNAPSHOT=" + Quote(shot) +
+                      " xvfb-run -a -s '-screen 0 800x600x24' timeout 60 " + TOOL + " view --autoexit --start 4 " +
+                      Quote(red) + " " + Quote(DEMO));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(Quadrants(LoadShot(folder_, shot)).substr(0, 2), "rx");
 }
 
 // The demo's audio as the G.726 module decodes it: every audio frame in file

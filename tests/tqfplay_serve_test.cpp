@@ -11,14 +11,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "PictureReference.h"
 #include "TQFBuilder.h"
 #include "ToolRunner.h"
 
@@ -261,3 +264,84 @@ TEST_F(ServeTest, RefusesBadRequestsAndEndsOnCtrlC) {
 }
 
 }  // namespace
+
+// A frame's bytes with its stamp cleared: a served camera's stamps run on.
+Bytes Unstamped(Bytes frame) {
+  std::fill(frame.begin() + 8, frame.begin() + 12, 0);
+  return frame;
+}
+
+// The frames of the TQF file `path` after its header block.
+std::vector<Received> FileFrames(const std::string& path) {
+  const Bytes file = ReadWholeFile(path);
+  std::vector<Received> frames;
+  EXPECT_TRUE(file.size() > 8 && SplitFrames(std::string(file.begin(), file.end()), LoadU32(&file[4]) + 8u, &frames))
+      << path;
+  return frames;
+}
+
+// Checks that the recording `path` holds the demo's video frames in order
+// (looping) from one of its key frames on; the count.
+size_t CheckRecording(const std::string& path) {
+  std::vector<Bytes> demo;
+  for (const Received& frame : FileFrames(DEMO))
+    if (FrameStreamNumber(frame.info) == TQF_STREAM_VIDEO) demo.push_back(Unstamped(frame.bytes));
+  const std::vector<Received> frames = FileFrames(path);
+  if (frames.empty()) return 0;
+  const size_t first = std::find(demo.begin(), demo.end(), Unstamped(frames[0].bytes)) - demo.begin();
+  EXPECT_TRUE(first < demo.size() && IsKeyFrameInfo(frames[0].info)) << path;
+  for (size_t k = 0; k < frames.size() && first < demo.size(); ++k)
+    EXPECT_EQ(Unstamped(frames[k].bytes), demo[(first + k) % demo.size()]) << path << " frame " << k;
+  return frames.size();
+}
+
+// stream tcp:// plays a served camera: the pictures are the library's own
+// pictures of the file, from the first key frame after connecting, across
+// the loop; --frames gives exactly that many.
+TEST_F(ServeTest, StreamPlaysAServedCameraAsTheFileItself) {
+  Server server(Quote(DEMO) + " --port 0 --bind 127.0.0.1");
+  ASSERT_NE(server.port, 0) << server.log;
+  const std::string y4m = folder_.File("live.y4m");
+  RunResult r = Tool("stream tcp://127.0.0.1:" + std::to_string(server.port) + "/demo --frames 60 --y4m " +
+                     Quote(y4m));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::vector<uint64_t> live = ReadY4M(y4m).hashes, all = PlayThroughLibrary(DEMO).hashes;
+  ASSERT_EQ(live.size(), 60u);
+  ASSERT_EQ(all.size(), 250u);
+  const size_t first = std::find(all.begin(), all.end(), live[0]) - all.begin();
+  ASSERT_LT(first, all.size()) << "the first picture is none of the file's";
+  for (size_t k = 0; k < live.size(); ++k) EXPECT_EQ(live[k], all[(first + k) % all.size()]) << k;
+}
+
+// A camera killed and started again: --reconnect says so, tries again until
+// it answers, and each connection's recording holds the frames it received.
+TEST_F(ServeTest, StreamReconnectsAndRecordsEachConnection) {
+  uint16_t port = 0;
+  {
+    Server probe(Quote(DEMO) + " --port 0 --bind 127.0.0.1");  // a port that was free
+    port = probe.port;
+  }
+  ASSERT_NE(port, 0);
+  const std::string server = Quote(DEMO) + " --port " + std::to_string(port) + " --bind 127.0.0.1";
+  const std::string record = folder_.File("r.tqf");
+  auto first = std::make_unique<Server>(server);
+  ASSERT_TRUE(first->WaitFor("/1\n")) << first->log;
+  RunResult r;
+  std::thread client([&] {
+    r = Tool("stream tcp://127.0.0.1:" + std::to_string(port) + "/1 --reconnect --duration 9 --record " +
+             Quote(record));
+  });
+  EXPECT_TRUE(first->WaitFor("connected to channel 1"));
+  std::this_thread::sleep_for(std::chrono::seconds(3));  // a recording of some length
+  first.reset();  // SIGTERM: the connection drops
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // refused at least once
+  Server second(server);
+  EXPECT_TRUE(second.WaitFor("connected to channel 1")) << second.log;
+  client.join();
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(Has(r.err, "the connection closed; trying again in 0.5 s")) << r.err;
+  EXPECT_TRUE(Has(r.err, "Connection refused; trying again in 1.0 s")) << r.err;
+  EXPECT_TRUE(Has(r.err, "connected again")) << r.err;
+  EXPECT_GE(CheckRecording(record), 25u);
+  EXPECT_GE(CheckRecording(folder_.File("r-2.tqf")), 25u);
+}

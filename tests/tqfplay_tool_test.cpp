@@ -176,8 +176,7 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
       {stream + " --record-after 1", "--record-after needs --record", 2},
       {stream + " --record " + in, "is also an input", 1},
       // A recording that loses frames fails and says how many were written.
-      {stream + " --record /dev/full", "lost 250 frames (write failed or disk too slow); 0 frames", 1,
-       2},  // after the summary
+      {stream + " --record /dev/full", "lost 250 frames (write failed or disk too slow); 0 frames", 1},
       {"import onlyone", "missing arguments", 2},
       {"import " + in + " " + in + " -y", "is also an input", 1},
       {"import " + mpeg4 + out("a.tqf"), "unsupported video codec", 1},

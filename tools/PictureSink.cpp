@@ -46,8 +46,9 @@ void PictureSink::Handle(void* context, const Picture& picture) {
 }
 
 void PictureSink::Deliver(const Picture& picture) {
-  if (options_.realtime) pacer_.Wait();
   uint32_t number = pictures_.load();
+  if (options_.maxPictures != 0 && number >= options_.maxPictures) return;
+  if (options_.realtime) pacer_.Wait();
   if (!failed_.load()) {
     if (picture.size != picture.width * picture.height * 3 / 2) {
       Fail("the library delivered a picture of " + std::to_string(picture.size) + " bytes for " +

@@ -22,6 +22,7 @@ struct PictureSinkOptions {
   const char* pngFolder = nullptr;  // no stills when null
   uint32_t pngEvery = 25;           // a still of pictures 0, N, 2N, ...
   bool realtime = false;            // pace delivery at 25 pictures a second
+  uint32_t maxPictures = 0;         // pictures past this many are ignored (0: none)
 };
 
 class PictureSink {

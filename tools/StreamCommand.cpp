@@ -7,9 +7,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
+#include "ChannelProtocol.h"
 #include "LibrarySession.h"
 #include "Options.h"
 #include "PictureSink.h"
@@ -34,6 +36,8 @@ struct StreamOptions {
   uint32_t recordAfterMs = 0;
   PictureSinkOptions sink;
   uint32_t timeout = DEFAULT_TIMEOUT_SECONDS;
+  bool reconnect = false;
+  uint32_t durationMs = 0;  // 0: until the source ends
 };
 
 bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
@@ -49,8 +53,14 @@ bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
       {"--every", OptionKind::COUNT, &o->sink.pngEvery},
       {"--realtime", OptionKind::FLAG, &o->feed.realtime},
       {"--timeout", OptionKind::COUNT, &o->timeout},
+      {"--reconnect", OptionKind::FLAG, &o->reconnect},
+      {"--duration", OptionKind::TIME, &o->durationMs},
+      {"--frames", OptionKind::COUNT, &o->sink.maxPictures},
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o->path, 1, 1)) return false;
+  if (o->reconnect && !IsChannelUrl(o->path)) {
+    return StepFailed(NAME, "--reconnect needs a tcp:// or http:// source");
+  }
   if (chunk != 0 && o->feed.randomChunks) {
     return StepFailed(NAME, "--chunk and --random-chunks exclude each other");
   }
@@ -71,23 +81,25 @@ bool ParseStreamOptions(int argc, char** argv, StreamOptions* o) {
 class StreamRun {
  public:
   // `recordPath`: where the library writes the recording (null: none).
+  // `recordPath`: where the library writes the recording (null: none). The
+  // sink's earlier pictures (of earlier connections) are not this run's.
   StreamRun(const StreamOptions& o, StreamFeeder& feeder, PictureSink& sink, const char* recordPath)
-      : o_(o), feeder_(feeder), sink_(sink), recordPath_(recordPath) {}
+      : o_(o), feeder_(feeder), sink_(sink), recordPath_(recordPath), before_(sink.Pictures()) {}
 
-  // Feeds the whole file and waits for its pictures. 0, or a failure's exit code.
+  // Feeds the whole source and waits for its pictures. 0, or a failure's exit code.
   int Feed(int32_t handle, ProgressMeter& progress) {
     const std::chrono::seconds timeout(o_.timeout);
     feeder_.RestartClock();
-    while (!feeder_.Done()) {
+    while (!feeder_.Done() && !Finished(o_, sink_)) {
       StreamFeeder::Chunk chunk = feeder_.NextChunk(o_.feed);
       if (o_.feed.realtime) {
         std::this_thread::sleep_until(chunk.due);
       } else if (chunk.picturesNeeded > missing_ &&
-                 !sink_.WaitForPictures(chunk.picturesNeeded - missing_, timeout)) {
-        if (sink_.Pictures() == 0)
+                 !sink_.WaitForPictures(before_ + chunk.picturesNeeded - missing_, timeout)) {
+        if (Pictures() == 0)
           return CommandError(NAME, "no picture for %u s: the stream's video does not decode",
                               o_.timeout);
-        missing_ = chunk.picturesNeeded - sink_.Pictures();  // frames the decoder kept
+        missing_ = chunk.picturesNeeded - Pictures();  // frames the decoder kept
       }
       if (LibrarySession::Interrupted()) {
         CommandError(NAME, "interrupted");
@@ -103,10 +115,19 @@ class StreamRun {
     // The last frames are queued; wait until they are shown, or until the
     // last one is decoded when the decoder holds pictures back for reordering.
     uint32_t expected = feeder_.DeliverableFed();
-    if (expected > missing_)
-      sink_.WaitForLastFrame(expected - missing_, feeder_.LastDeliverableStamp(),
+    if (expected > missing_ && !Finished(o_, sink_))
+      sink_.WaitForLastFrame(before_ + expected - missing_, feeder_.LastDeliverableStamp(),
                              MAX_REORDER_HELD_PICTURES, timeout);
     return 0;
+  }
+
+  // This run's pictures.
+  uint32_t Pictures() const { return sink_.Pictures() - before_; }
+
+  // Whether the whole run has what it asked for: --frames or --duration.
+  static bool Finished(const StreamOptions& o, const PictureSink& sink) {
+    return (o.sink.maxPictures != 0 && sink.Pictures() >= o.sink.maxPictures) ||
+           std::chrono::steady_clock::now() >= o.feed.deadline;
   }
 
   void StopRecord(int32_t handle) {
@@ -128,6 +149,7 @@ class StreamRun {
   StreamFeeder& feeder_;
   PictureSink& sink_;
   const char* recordPath_;
+  const uint32_t before_;
   uint32_t missing_ = 0;  // deliverable frames that the decoder gave no picture for
   bool recording_ = false;
 };
@@ -157,40 +179,112 @@ bool CheckRecording(const char* path, const char* writePath, uint32_t losses, st
   return true;
 }
 
-int RunStream(int argc, char** argv) {
-  StreamOptions o;
-  if (!ParseStreamOptions(argc, argv, &o)) return EXIT_USAGE;
-  StreamFeeder feeder;
-  PictureSink sink;
+// The file a connection records to: OUT for the first, then OUT with "-2",
+// "-3"... before its extension.
+std::string ConnectionRecordPath(const char* path, int connection) {
+  const std::string out = path;
+  if (connection == 1) return out;
+  const size_t slash = out.rfind('/'), dot = out.rfind('.');
+  const size_t at = dot == std::string::npos || (slash != std::string::npos && dot < slash) ? out.size() : dot;
+  return out.substr(0, at) + "-" + std::to_string(connection) + out.substr(at);
+}
+
+// The wait before a dropped or refused connection is tried again: 0.5 s,
+// doubling up to 5 s, and 0.5 s again after a connection that worked.
+class Backoff {
+ public:
+  // Says why and for how long in one line, then waits. False when a Ctrl-C
+  // or the run's deadline comes first.
+  bool Wait(const std::string& why, std::chrono::steady_clock::time_point deadline) {
+    std::fprintf(stderr, "tqfplay %s: %s; trying again in %.1f s\n", NAME, why.c_str(), next_.count() / 1000.0);
+    const auto until = std::min(std::chrono::steady_clock::now() + next_, deadline);
+    next_ = std::min(next_ * 2, MAX_WAIT);
+    for (auto now = std::chrono::steady_clock::now(); now < until; now = std::chrono::steady_clock::now()) {
+      if (LibrarySession::Interrupted()) return false;
+      std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(until - now, LOOK_EVERY));
+    }
+    return until < deadline;
+  }
+  void Reset() { next_ = FIRST_WAIT; }
+
+ private:
+  static constexpr std::chrono::milliseconds FIRST_WAIT{500}, MAX_WAIT{5000}, LOOK_EVERY{100};
+  std::chrono::milliseconds next_ = FIRST_WAIT;
+};
+
+// One connection of a live source, or the whole run of a file or pipe: a
+// player on its header block, the feed and the recording. 0, or a failure's
+// exit code; `deliverable` grows by the frames that should have given a picture.
+int RunConnection(const StreamOptions& o, StreamFeeder& feeder, PictureSink& sink, LibrarySession& session,
+                  int connection, ProgressMeter& progress, uint32_t* deliverable) {
   std::string error;
   OutputFile recording;
-  if (!feeder.Open(o.path, &error) || !sink.Open(o.sink, o.path, &error) ||
-      (o.recordPath != nullptr && !recording.Prepare(o.recordPath, {o.path}, WriteAccess::SEEKING, &error)))
+  const std::string recordPath = o.recordPath != nullptr ? ConnectionRecordPath(o.recordPath, connection) : "";
+  if (o.recordPath != nullptr &&
+      !recording.Prepare(recordPath.c_str(), {o.path}, WriteAccess::SEEKING, &error))
     return CommandError(NAME, "%s", error.c_str());
-
-  LibrarySession session(PictureSink::Handle, &sink);
   int32_t handle = -1;
   if (TQ_OpenStream(feeder.Header(), feeder.HeaderSize(), &handle) != 0)
     return CommandError(NAME, "the library refused the stream header of %s", o.path);
-  ProgressMeter progress;
   session.Play(handle);
+  const uint32_t lossesBefore = session.RecordLosses();
   StreamRun run(o, feeder, sink, o.recordPath != nullptr ? recording.WritePath() : nullptr);
-  int result = run.Feed(handle, progress);
+  const int result = run.Feed(handle, progress);
   run.StopRecord(handle);
   TQ_CloseStream(handle);
   progress.Clear();
+  *deliverable += feeder.DeliverableFed();
+  if (result != 0 || o.recordPath == nullptr) return result;
+  if (!CheckRecording(recordPath.c_str(), recording.WritePath(), session.RecordLosses() - lossesBefore, &error) ||
+      !recording.Commit(&error))
+    return CommandError(NAME, "%s", error.c_str());
+  return 0;
+}
+
+int RunStream(int argc, char** argv) {
+  StreamOptions o;
+  if (!ParseStreamOptions(argc, argv, &o)) return EXIT_USAGE;
+  if (o.durationMs != 0)
+    o.feed.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.durationMs);
+  if (IsChannelUrl(o.path)) o.feed.silence = std::chrono::seconds(o.timeout);
+  auto feeder = std::make_unique<StreamFeeder>();
+  std::string error;
+  bool connected = feeder->Open(o.path, &error);
+  PictureSink sink;
+  if ((!connected && !o.reconnect) || !sink.Open(o.sink, o.path, &error))
+    return CommandError(NAME, "%s", error.c_str());
+
+  LibrarySession session(PictureSink::Handle, &sink);
+  ProgressMeter progress;
+  Backoff backoff;
+  uint32_t deliverable = 0;
+  int result = 0;
+  for (int connection = 1;;) {
+    if (!connected) {
+      if (!backoff.Wait(error, o.feed.deadline)) break;
+      feeder = std::make_unique<StreamFeeder>();
+      if (!(connected = feeder->Open(o.path, &error))) continue;
+      if (connection > 1) std::fprintf(stderr, "tqfplay %s: %s: connected again\n", NAME, o.path);
+    }
+    backoff.Reset();
+    result = RunConnection(o, *feeder, sink, session, connection, progress, &deliverable);
+    if (result != 0 || !o.reconnect || StreamRun::Finished(o, sink) || LibrarySession::Interrupted()) break;
+    error = std::string(o.path) + ": " + (feeder->EndReason().empty() ? "the connection closed" : feeder->EndReason());
+    connected = false;
+    ++connection;
+  }
+  if (result == 0 && LibrarySession::Interrupted()) {
+    CommandError(NAME, "interrupted");
+    result = LibrarySession::InterruptedExitCode();
+  }
 
   if (!sink.Close(&error)) return CommandError(NAME, "%s", error.c_str());
   if (result != 0) return result;
   if (sink.Pictures() == 0) return CommandError(NAME, "%s gave no picture", o.path);
   progress.PrintSummary(NAME, sink.Pictures());
-  if (sink.Pictures() < feeder.DeliverableFed())
+  if (!StreamRun::Finished(o, sink) && sink.Pictures() < deliverable)
     std::fprintf(stderr, "tqfplay %s: %u of %u video frames gave no picture\n", NAME,
-                 feeder.DeliverableFed() - sink.Pictures(), feeder.DeliverableFed());
-  if (o.recordPath != nullptr &&
-      (!CheckRecording(o.recordPath, recording.WritePath(), session.RecordLosses(), &error) ||
-       !recording.Commit(&error)))
-    return CommandError(NAME, "%s", error.c_str());
+                 deliverable - sink.Pictures(), deliverable);
   if (!sink.Keep(&error)) return CommandError(NAME, "%s", error.c_str());
   return 0;
 }
@@ -199,12 +293,14 @@ int RunStream(int argc, char** argv) {
 
 extern const Command STREAM_COMMAND = {
     NAME, "feed a file as a live stream, optionally recording it",
-    "stream FILE|- [--chunk BYTES | --random-chunks [--seed N]] [--record OUT.tqf "
-    "[--record-after SECONDS]] [--y4m OUT.y4m] [--png DIR [--every N]] [--realtime] "
-    "[--timeout SECONDS]",
+    "stream FILE|-|tcp://HOST:PORT[/N] [--chunk BYTES | --random-chunks [--seed N]] "
+    "[--record OUT.tqf [--record-after SECONDS]] [--y4m OUT.y4m] [--png DIR [--every N]] "
+    "[--realtime] [--timeout SECONDS] [--reconnect] [--duration SECONDS] [--frames N]",
     "Feeds TQF bytes to the library as a live source: the header block to\n"
-    "TQ_OpenStream, the rest to TQ_InputData in chunks cut anywhere. FILE is a\n"
-    "TQF file, or a pipe read as its bytes arrive: '-' (standard input) or a FIFO.\n"
+    "TQ_OpenStream, the rest to TQ_InputData in chunks cut anywhere. The source is\n"
+    "a TQF file, or a live source read as its bytes arrive: '-' (standard input), a\n"
+    "FIFO, or channel N (a number or a name; 1 by default) of a camera server such\n"
+    "as 'tqfplay serve', as tcp://HOST:PORT/N or http://HOST:PORT/N.\n"
     "\n"
     "  --chunk BYTES     feed chunks of this size (default 4096, at most 4194304)\n"
     "  --random-chunks   feed chunks of random sizes from 1 to 65536 bytes, as a\n"
@@ -218,6 +314,13 @@ extern const Command STREAM_COMMAND = {
     "                    it the feed waits for the pictures (the library has no\n"
     "                    back-pressure and drops the oldest frames when its queue is\n"
     "                    full), so no frame is lost\n"
-    "  --timeout SECS    give up when no picture comes for this long (default 10)\n",
+    "  --timeout SECS    give up when no picture comes for this long (default 10); a\n"
+    "                    connection that brings nothing for this long has dropped\n"
+    "  --reconnect       when the connection drops or is refused, say so and try\n"
+    "                    again, after 0.5 s doubling up to 5 s. Each connection\n"
+    "                    plays from its first key frame, and records to its own\n"
+    "                    file: OUT, then OUT with -2, -3... before its extension\n"
+    "  --duration SECS   end the run after this long\n"
+    "  --frames N        end the run after N pictures (the outputs hold exactly N)\n",
     RunStream,
 };

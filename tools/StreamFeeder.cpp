@@ -1,6 +1,7 @@
 #include "StreamFeeder.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,12 +9,18 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ChannelConnection.h"
+#include "ChannelProtocol.h"
 #include "InputProblem.h"
+#include "Interruption.h"
 #include "StreamHeader.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds FRAME_TIME{TQF_FRAME_DURATION_MS};
+// A live source's reads wait this long at a time between looks at the stop
+// conditions.
+constexpr std::chrono::milliseconds PIPE_WAIT_SLICE{100};
 // The largest header block a stream player accepts: 16 records of 64 KiB.
 constexpr uint32_t MAX_HEADER_BLOCK =
     TQF_FILE_HEADER_SIZE + TQF_READER_MAX_RECORDS * (TQF_RECORD_HEAD_SIZE + TQF_STREAM_MAX_RECORD_PAYLOAD);
@@ -30,6 +37,12 @@ StreamFeeder::~StreamFeeder() {
 }
 
 bool StreamFeeder::Open(const char* path, std::string* error) {
+  if (IsChannelUrl(path)) {
+    fd_ = ConnectToChannel(path, CHANNEL_CONNECT_TIMEOUT, error);
+    ownsFd_ = fd_ >= 0;
+    if (fd_ < 0) *error = std::string(path) + ": " + *error;
+    return fd_ >= 0 && OpenPipe(path, CHANNEL_CONNECT_TIMEOUT, error);
+  }
   struct stat info;
   const bool isStdin = std::strcmp(path, "-") == 0;
   if (!isStdin && (stat(path, &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)))
@@ -41,7 +54,7 @@ bool StreamFeeder::Open(const char* path, std::string* error) {
     *error = std::string(path) + ": " + std::strerror(errno);
     return false;
   }
-  return OpenPipe(isStdin ? "standard input" : path, error);
+  return OpenPipe(isStdin ? "standard input" : path, /*silence=*/std::chrono::milliseconds(0), error);
 }
 
 bool StreamFeeder::OpenFile(const char* path, std::string* error) {
@@ -76,9 +89,11 @@ bool StreamFeeder::OpenFile(const char* path, std::string* error) {
   return error->empty();
 }
 
-bool StreamFeeder::OpenPipe(const char* name, std::string* error) {
+bool StreamFeeder::OpenPipe(const char* name, std::chrono::milliseconds silence, std::string* error) {
+  FeedOptions wait;
+  wait.silence = silence;
   header_.resize(TQF_FILE_HEADER_SIZE);
-  if (!ReadPipe(header_.data(), header_.size())) {
+  if (!ReadPipe(header_.data(), header_.size(), wait)) {
     *error = std::string(name) + ": Invalid data found: the stream ended before its header block";
     return false;
   }
@@ -88,7 +103,7 @@ bool StreamFeeder::OpenPipe(const char* name, std::string* error) {
     return false;
   }
   header_.resize(size);
-  if (!ReadPipe(&header_[TQF_FILE_HEADER_SIZE], size - TQF_FILE_HEADER_SIZE)) {
+  if (!ReadPipe(&header_[TQF_FILE_HEADER_SIZE], size - TQF_FILE_HEADER_SIZE, wait)) {
     *error = std::string(name) + ": Invalid data found: the stream ended inside its header block";
     return false;
   }
@@ -100,8 +115,9 @@ bool StreamFeeder::OpenPipe(const char* name, std::string* error) {
   return error->empty();
 }
 
-bool StreamFeeder::ReadPipe(uint8_t* to, size_t size) {
+bool StreamFeeder::ReadPipe(uint8_t* to, size_t size, const FeedOptions& options) {
   while (size > 0) {
+    if (!AwaitPipe(options)) return false;
     const ssize_t got = read(fd_, to, size);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return false;
@@ -160,21 +176,37 @@ uint32_t StreamFeeder::ChunkSize(const FeedOptions& options) {
   return std::uniform_int_distribution<uint32_t>(1, RANDOM_CHUNK_MAX)(random_);
 }
 
-uint32_t StreamFeeder::Fill(uint32_t size) {
+bool StreamFeeder::AwaitPipe(const FeedOptions& options) {
+  const auto start = std::chrono::steady_clock::now();
+  for (;;) {
+    const auto now = std::chrono::steady_clock::now();
+    if (Interrupted() || now >= options.deadline || (options.stop != nullptr && options.stop->load()))
+      return false;
+    if (options.silence.count() > 0 && now - start >= options.silence) {
+      endReason_ = "nothing came for " +
+                   std::to_string(std::chrono::duration_cast<std::chrono::seconds>(options.silence).count()) + " s";
+      return false;
+    }
+    pollfd entry{fd_, POLLIN, 0};
+    if (poll(&entry, 1, static_cast<int>(PIPE_WAIT_SLICE.count())) != 0) return true;  // bytes, end or error
+  }
+}
+
+uint32_t StreamFeeder::Fill(uint32_t size, const FeedOptions& options) {
   if (!FromPipe()) size = static_cast<uint32_t>(std::min<uint64_t>(size, size_ - offset_));
   chunk_.resize(size);
   if (!FromPipe()) return reader_.Read(offset_, chunk_.data(), size) ? size : 0;
-  ssize_t got;
-  do {
-    got = read(fd_, chunk_.data(), size);
-  } while (got < 0 && errno == EINTR);
+  ssize_t got = 0;
+  while (AwaitPipe(options) && (got = read(fd_, chunk_.data(), size)) < 0 && errno == EINTR) {
+  }
+  if (got < 0) endReason_ = std::strerror(errno);
   chunk_.resize(got > 0 ? static_cast<size_t>(got) : 0);
   if (!chunk_.empty()) ScanPipe();
   return static_cast<uint32_t>(chunk_.size());
 }
 
 StreamFeeder::Chunk StreamFeeder::NextChunk(const FeedOptions& options) {
-  const uint32_t size = Fill(ChunkSize(options));
+  const uint32_t size = Fill(ChunkSize(options), options);
   const uint64_t end = offset_ + size;
   // The video frames this chunk completes: framesFed_ up to `completed`.
   uint32_t completed = static_cast<uint32_t>(

@@ -2,9 +2,11 @@
 // network client would: the header block to TQ_OpenStream, then the rest to
 // TQ_InputData in chunks cut anywhere.
 //
-// The bytes come from a file, or from a pipe: "-" (standard input), a FIFO
-// or a character device, read as they arrive, so that a live stream can come
-// down a pipe (`nc camera 9000 | tqfplay stream -`).
+// The bytes come from a file, or from a live source read as they arrive: a
+// pipe ("-" for standard input, a FIFO, a character device) or a channel of
+// a camera server ("tcp://HOST:PORT/N", see ChannelConnection). A live
+// source's reads wait in slices, so that a Ctrl-C, the run's deadline, the
+// caller's stop flag or a source gone silent ends them.
 //
 // A live stream has no back-pressure: when a player's queue is full the
 // oldest frames give way. The feeder knows the TQF layout, so it knows how
@@ -23,6 +25,7 @@
 // was cut short under it ends the feed) and stay valid until the next chunk.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <random>
@@ -36,6 +39,12 @@ struct FeedOptions {
   bool randomChunks = false;   // ...or sizes from 1 to 65536 bytes, at random
   uint32_t seed = 0;           // of the random sizes
   bool realtime = false;
+  // A live source: no read waits past this moment (a run's --duration)...
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+  // ...and a source that sends nothing for this long has ended (0: never).
+  std::chrono::milliseconds silence{0};
+  // A flag of the caller's that ends the waits once set (may be null).
+  const std::atomic<bool>* stop = nullptr;
 };
 
 class StreamFeeder {
@@ -51,16 +60,19 @@ class StreamFeeder {
   StreamFeeder(const StreamFeeder&) = delete;
   StreamFeeder& operator=(const StreamFeeder&) = delete;
 
-  // Opens `path` ("-" for standard input) and reads its header block; a file
-  // is mapped and its video frames found. False with a message for a source
+  // Opens `path` ("-" for standard input, a channel's URL) and reads its
+  // header block; a file is mapped and its video frames found. False with a message for a source
   // that is missing or not TQF, or that would give no picture
   // (DescribeNothingToPlay; for a pipe, only its codec is known at once).
   bool Open(const char* path, std::string* error);
 
   const uint8_t* Header() const { return header_.data(); }
   uint32_t HeaderSize() const { return static_cast<uint32_t>(header_.size()); }
-  // Whether the bytes come from a pipe, whose end and length are not known.
+  // Whether the bytes come from a live source, whose end and length are not known.
   bool FromPipe() const { return fd_ >= 0; }
+  // Why a live source ended: "" at its end of file, else the reason
+  // ("Connection reset by peer", "nothing came for 10 s").
+  const std::string& EndReason() const { return endReason_; }
   // Video frames the player can deliver: those from the first key frame on
   // whose payload does not end in eight zero bytes (the player skips those).
   // For a pipe, those found so far.
@@ -96,12 +108,17 @@ class StreamFeeder {
 
  private:
   bool OpenFile(const char* path, std::string* error);
-  bool OpenPipe(const char* name, std::string* error);
-  // Reads exactly `size` bytes from the pipe; false at its end or on an error.
-  bool ReadPipe(uint8_t* to, size_t size);
+  // Reads the header block; `silence` bounds each wait for its bytes (0: none).
+  bool OpenPipe(const char* name, std::chrono::milliseconds silence, std::string* error);
+  // Reads exactly `size` bytes from the pipe; false at its end, on an error,
+  // or when a wait ends (see AwaitPipe).
+  bool ReadPipe(uint8_t* to, size_t size, const FeedOptions& options);
+  // Waits until the pipe has bytes to read: false when the wait ends first
+  // (a Ctrl-C, the deadline, silence), with endReason_ set for silence.
+  bool AwaitPipe(const FeedOptions& options);
   uint32_t ChunkSize(const FeedOptions& options);
   // Fills chunk_ with up to `size` bytes from the source; the count read.
-  uint32_t Fill(uint32_t size);
+  uint32_t Fill(uint32_t size, const FeedOptions& options);
   // Finds the frames that the pipe's bytes up to the end of chunk_ complete.
   void ScanPipe();
   // Counts one video frame that ends at `end`.
@@ -116,6 +133,7 @@ class StreamFeeder {
   uint64_t size_ = 0;     // a file's size
   uint64_t offset_ = 0;   // the bytes fed, counted from the start of the source
   bool done_ = false;
+  std::string endReason_;
   std::vector<uint8_t> scan_;  // a pipe's bytes from the first frame not yet complete
   uint64_t scanStart_ = 0;     // the source offset of scan_[0]
   bool sawKey_ = false;

@@ -1,10 +1,13 @@
-// tqfplay view: the library's pictures in an SDL2 window.
+// tqfplay view: the library's pictures in an SDL2 window, from one source or
+// a grid of up to 16 (a surveillance client's wall of cameras).
 //
-// The picture callback (a library thread) keeps the newest picture in a
-// LatestPicture; the window's thread uploads it to a texture and draws it.
-// A file is paced in its callback at 25 pictures a second; a stream is fed
-// in real time by a feeder thread. Keys: space pauses and resumes, left and
-// right seek 10 seconds (files only), q, Escape or closing the window quits.
+// Each source (ViewSource) has its own player, picture slot and route of the
+// session; the window (ViewWindow) takes the newest picture of each and
+// draws it. This file holds the options and the window's event loop. Keys:
+// space pauses and resumes every tile, left and right seek 10 seconds (file
+// tiles: the enlarged one, or all of them in the grid), 1 to 9 or a
+// double-click enlarge a tile and Escape returns to the grid; q, Escape in
+// the grid or closing the window quits.
 //
 // When TQFPLAY_VIEW_SNAPSHOT names a file, the viewer reads back what its
 // window shows when it quits and writes that as a PNG: a screenshot of the
@@ -14,341 +17,131 @@
 #include <SDL2/SDL.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-extern "C" {
-#include <libavutil/pixfmt.h>
-}
-
-#include "FramePacer.h"
-#include "InputProblem.h"
 #include "LibrarySession.h"
 #include "Options.h"
-#include "PngWriter.h"
-#include "StreamFeeder.h"
-#include "TQFFormat.h"
+#include "ViewGrid.h"
+#include "ViewSource.h"
+#include "ViewWindow.h"
 
 namespace {
 
 constexpr const char NAME[] = "view";
 constexpr int32_t SEEK_STEP_SECONDS = 10;
 constexpr std::chrono::seconds FIRST_PICTURE_TIMEOUT{10};
-constexpr std::chrono::seconds STREAM_DRAIN_TIME{1};
 constexpr int EVENT_WAIT_MS = 10;
-// The share of the screen a window too large for it is scaled down to.
-constexpr double SCREEN_SHARE = 0.9;
 constexpr const char SNAPSHOT_VARIABLE[] = "TQFPLAY_VIEW_SNAPSHOT";
+constexpr int GRID = -1;  // the enlarged tile when none is
+
+using Sources = std::vector<std::unique_ptr<ViewSource>>;
 
 struct ViewOptions {
-  const char* path = nullptr;
+  const char* paths[VIEW_GRID_MAX_TILES + 1] = {};  // one more, to tell a user there are too many
+  int count = 0;
   bool stream = false;
   uint32_t startMs = 0;  // the library seeks to whole seconds
   bool autoExit = false;
 };
 
-// The newest picture, handed from the library's thread to the window's.
-class LatestPicture {
- public:
-  explicit LatestPicture(bool pace) : pace_(pace) {}
-
-  static void Handle(void* context, const Picture& picture) {
-    static_cast<LatestPicture*>(context)->Store(picture);
-  }
-
-  // Waits for the first picture; false if none comes within `timeout`.
-  bool WaitForFirst(std::chrono::seconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return stored_.wait_for(lock, timeout, [this] { return width_ > 0; });
-  }
-  // Copies a picture that arrived since the last call into `texture`.
-  bool Upload(SDL_Texture* texture) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (!fresh_) return false;
-    fresh_ = false;
-    SDL_UpdateTexture(texture, nullptr, pixels_.data(), width_);
-    return true;
-  }
-  int32_t Width() const { return width_; }
-  int32_t Height() const { return height_; }
-  void RestartPacing() { restartPacing_.store(true); }
-  std::chrono::steady_clock::time_point LastArrival() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return lastArrival_;
-  }
-
- private:
-  void Store(const Picture& picture) {
-    if (pace_) {
-      if (restartPacing_.exchange(false)) pacer_.Restart();
-      pacer_.Wait();
-    }
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      // The window's size follows the first picture; later ones must match.
-      if (width_ == 0) {
-        width_ = picture.width;
-        height_ = picture.height;
-      }
-      if (picture.width == width_ && picture.height == height_ &&
-          picture.size == picture.width * picture.height * 3 / 2) {
-        pixels_.assign(picture.data, picture.data + picture.size);
-        fresh_ = true;
-      }
-      lastArrival_ = std::chrono::steady_clock::now();
-    }
-    stored_.notify_all();
-  }
-
-  const bool pace_;
-  FramePacer pacer_;  // the library's thread only
-  std::atomic<bool> restartPacing_{false};
-  std::mutex mutex_;
-  std::condition_variable stored_;
-  std::vector<uint8_t> pixels_;
-  int32_t width_ = 0;
-  int32_t height_ = 0;
-  bool fresh_ = false;
-  std::chrono::steady_clock::time_point lastArrival_;
-};
-
-// The player behind the window: a file, or a stream with its feeder thread.
-class ViewSource {
- public:
-  ViewSource(const ViewOptions& o, LibrarySession& session) : o_(o), session_(session) {}
-  ~ViewSource() { Close(); }
-
-  bool Open(std::string* error) {
-    if (o_.stream) {
-      if (!feeder_.Open(o_.path, error)) return false;
-      if (TQ_OpenStream(feeder_.Header(), feeder_.HeaderSize(), &handle_) != 0) {
-        *error = std::string("the library refused the stream header of ") + o_.path;
-        return false;
-      }
-      session_.Play(handle_);
-      feederThread_ = std::thread(&ViewSource::FeedStream, this);
-      return true;
-    }
-    if (TQ_OpenFile(o_.path, &handle_) != 0) {
-      *error = DescribeInputProblem(o_.path);
-      return false;
-    }
-    *error = DescribeNothingToPlay(o_.path);
-    if (!error->empty()) return false;
-    TQ_GetFileTime(handle_, &length_);
-    session_.PlayFrom(handle_, o_.startMs / 1000);
-    return true;
-  }
-
-  void Close() {
-    if (handle_ < 0) return;
-    stopFeeding_.store(true);
-    if (feederThread_.joinable()) feederThread_.join();
-    if (o_.stream)
-      TQ_CloseStream(handle_);
+// Space: pauses every tile that runs, or when none does, resumes them all
+// (and plays ended files again).
+void TogglePause(const Sources& sources) {
+  const bool anyRunning = std::any_of(sources.begin(), sources.end(),
+                                      [](const std::unique_ptr<ViewSource>& s) { return s->Running(); });
+  for (const std::unique_ptr<ViewSource>& source : sources) {
+    if (anyRunning)
+      source->Pause();
     else
-      TQ_CloseFile(handle_);
-    handle_ = -1;
+      source->Resume();
   }
-
-  // Space: pauses, resumes, and after the end plays the file again. A live
-  // stream is not stopped: it is fed and decoded on, and only the display
-  // holds its picture, so that resuming shows the live picture at once
-  // (stopping the player would drop frames and break the picture up to the
-  // next key frame).
-  void TogglePause(LatestPicture& latest) {
-    if (!paused_.load() && !Ended(latest)) {
-      paused_.store(true);
-      if (!o_.stream) TQ_Stop(handle_);
-      return;
-    }
-    paused_.store(false);
-    if (o_.stream) return;
-    session_.ClearEnd();
-    latest.RestartPacing();
-    session_.Play(handle_);
-  }
-
-  // Whether the window shows new pictures.
-  bool ShowsNewPictures() const { return !paused_.load(); }
-
-  void Seek(int32_t step, LatestPicture& latest) {
-    if (o_.stream) return;  // a live source has no position to move
-    bool ended = Ended(latest);
-    uint32_t position = 0;
-    TQ_GetPlayTime(handle_, &position);
-    int32_t target = static_cast<int32_t>(position) + step;
-    target = std::clamp<int32_t>(target, 0, static_cast<int32_t>(length_));
-    TQ_SetPlayTime(handle_, target);
-    // A seek to the end may end the file before any picture of the new
-    // position is shown: the title then shows where the seek went.
-    lastPosition_ = static_cast<uint32_t>(target);
-    latest.RestartPacing();
-    if (ended && !paused_.load()) {  // the file had stopped at its end
-      session_.ClearEnd();
-      session_.Play(handle_);
-    }
-  }
-
-  // The file played its last frame, or the stream's bytes are all shown.
-  bool Ended(LatestPicture& latest) const {
-    if (!o_.stream) return session_.FileEnded();
-    return feedDone_.load() &&
-           std::chrono::steady_clock::now() - latest.LastArrival() > STREAM_DRAIN_TIME;
-  }
-
-  std::string Title(LatestPicture& latest) {
-    char text[512];
-    const char* state = paused_.load() ? " (paused)" : Ended(latest) ? " (end)" : "";
-    if (o_.stream) {
-      double fed = feedFrames_.load() * (TQF_FRAME_DURATION_MS / 1000.0);
-      std::snprintf(text, sizeof text, "%s - live %02d:%02d%s", o_.path,
-                    static_cast<int>(fed) / 60, static_cast<int>(fed) % 60, state);
-    } else {
-      const uint32_t position = Position();
-      std::snprintf(text, sizeof text, "%s - %02u:%02u / %02u:%02u%s", o_.path, position / 60,
-                    position % 60, length_ / 60, length_ % 60, state);
-    }
-    return text;
-  }
-
-  // The file's position; after the end, the last one it played (the player
-  // rewinds to the start when it ends). The position is read before the end
-  // flag, which the player sets before it rewinds, so a position read after
-  // the rewind always meets the flag set.
-  uint32_t Position() {
-    uint32_t position = 0;
-    TQ_GetPlayTime(handle_, &position);
-    if (!session_.FileEnded()) lastPosition_ = position;
-    return lastPosition_;
-  }
-
- private:
-  // The feeder thread: the source in real time, paused or not, as a camera
-  // sends it.
-  void FeedStream() {
-    FeedOptions options;
-    options.realtime = true;
-    feeder_.RestartClock();
-    while (!feeder_.Done() && !stopFeeding_.load()) {
-      StreamFeeder::Chunk chunk = feeder_.NextChunk(options);
-      std::this_thread::sleep_until(chunk.due);
-      TQ_InputData(handle_, chunk.data, static_cast<int32_t>(chunk.size));
-      feeder_.Advance(chunk);
-      feedFrames_.store(feeder_.FramesFed());
-    }
-    feedDone_.store(true);
-  }
-
-  const ViewOptions& o_;
-  LibrarySession& session_;
-  int32_t handle_ = -1;
-  uint32_t length_ = 0;
-  uint32_t lastPosition_ = 0;  // the window's thread only
-  std::atomic<bool> paused_{false};
-  StreamFeeder feeder_;
-  std::thread feederThread_;
-  std::atomic<bool> stopFeeding_{false};
-  std::atomic<bool> feedDone_{false};
-  std::atomic<uint32_t> feedFrames_{0};
-};
-
-struct SdlWindow {
-  ~SdlWindow() {
-    if (texture != nullptr) SDL_DestroyTexture(texture);
-    if (renderer != nullptr) SDL_DestroyRenderer(renderer);
-    if (window != nullptr) SDL_DestroyWindow(window);
-    SDL_Quit();
-  }
-  SDL_Window* window = nullptr;
-  SDL_Renderer* renderer = nullptr;
-  SDL_Texture* texture = nullptr;
-};
-
-// The window's size for a picture of `width` x `height`: the picture's own,
-// or scaled down, keeping its shape, to fit the screen's usable area with a
-// margin for the window's frame and title.
-void FitToScreen(int32_t width, int32_t height, int* windowWidth, int* windowHeight) {
-  *windowWidth = width;
-  *windowHeight = height;
-  SDL_Rect usable;
-  if (SDL_GetDisplayUsableBounds(0, &usable) != 0 || usable.w <= 0 || usable.h <= 0) return;
-  const double scale = std::min({1.0, usable.w * SCREEN_SHARE / width, usable.h * SCREEN_SHARE / height});
-  *windowWidth = std::max(1, static_cast<int>(width * scale));
-  *windowHeight = std::max(1, static_cast<int>(height * scale));
 }
 
-bool OpenWindow(SdlWindow& w, int32_t width, int32_t height, std::string* error) {
-  int windowWidth = 0, windowHeight = 0;
-  FitToScreen(width, height, &windowWidth, &windowHeight);
-  w.window = SDL_CreateWindow("tqfplay", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
-                              windowWidth, windowHeight, SDL_WINDOW_RESIZABLE);
-  if (w.window != nullptr) w.renderer = SDL_CreateRenderer(w.window, -1, 0);
-  if (w.renderer != nullptr)
-    w.texture = SDL_CreateTexture(w.renderer, SDL_PIXELFORMAT_IYUV, SDL_TEXTUREACCESS_STREAMING,
-                                  width, height);
-  if (w.texture == nullptr) {
-    *error = std::string("cannot open a window: ") + SDL_GetError();
-    return false;
+bool AllEnded(const Sources& sources) {
+  return std::all_of(sources.begin(), sources.end(),
+                     [](const std::unique_ptr<ViewSource>& s) { return s->Ended(); });
+}
+
+// A lone source, or the enlarged tile, titles the window as a player would;
+// the grid counts its sources and those with a picture to show (a camera
+// down or waiting for its key frame has none): "tqfplay - 4 sources, 3 showing".
+std::string Title(const Sources& sources, int enlarged) {
+  if (sources.size() == 1) return sources[0]->Title();
+  if (enlarged != GRID) return sources[static_cast<size_t>(enlarged)]->Title();
+  const auto count = [&sources](auto holds) { return std::count_if(sources.begin(), sources.end(), holds); };
+  const auto showing = count([](const std::unique_ptr<ViewSource>& s) { return s->Slot().HasPicture(); });
+  const bool paused = count([](const std::unique_ptr<ViewSource>& s) { return s->Paused(); }) ==
+                      static_cast<long>(sources.size());
+  return "tqfplay - " + std::to_string(sources.size()) + " sources, " + std::to_string(showing) +
+         " showing" + (paused ? " (paused)" : "");
+}
+
+// The tile a key from 1 to 9 enlarges; GRID for any other key or a tile
+// beyond the sources.
+int TileOfKey(SDL_Keycode key, size_t count) {
+  if (count < 2 || key < SDLK_1 || key > SDLK_9) return GRID;
+  const int tile = key - SDLK_1;
+  return static_cast<size_t>(tile) < count ? tile : GRID;
+}
+
+// One key or window event; false when it quits the viewer.
+bool HandleEvent(const SDL_Event& event, ViewWindow& window, const Sources& sources, int* enlarged) {
+  if (event.type == SDL_QUIT) return false;
+  if (event.type == SDL_WINDOWEVENT) window.Invalidate();
+  if (event.type == SDL_MOUSEBUTTONDOWN && event.button.button == SDL_BUTTON_LEFT &&
+      event.button.clicks == 2 && sources.size() > 1)
+    *enlarged = *enlarged != GRID ? GRID : window.TileAt(event.button.x, event.button.y);
+  if (event.type != SDL_KEYDOWN) return true;
+  const SDL_Keycode key = event.key.keysym.sym;
+  const int step = key == SDLK_LEFT ? -SEEK_STEP_SECONDS : key == SDLK_RIGHT ? SEEK_STEP_SECONDS : 0;
+  if (key == SDLK_q) return false;
+  if (key == SDLK_ESCAPE) {
+    if (*enlarged == GRID) return false;
+    *enlarged = GRID;
+  } else if (key == SDLK_SPACE) {
+    TogglePause(sources);
+  } else if (step != 0 && *enlarged != GRID) {
+    sources[static_cast<size_t>(*enlarged)]->Seek(step);
+  } else if (step != 0) {
+    for (const std::unique_ptr<ViewSource>& source : sources) source->Seek(step);
+  } else if (TileOfKey(key, sources.size()) != GRID) {
+    *enlarged = TileOfKey(key, sources.size());
   }
-  SDL_RenderSetLogicalSize(w.renderer, width, height);
   return true;
 }
 
-void Draw(SdlWindow& w) {
-  SDL_RenderClear(w.renderer);
-  SDL_RenderCopy(w.renderer, w.texture, nullptr, nullptr);
-}
-
-// What the window shows, read back from the renderer, as a PNG.
-bool WriteSnapshot(SdlWindow& w, const char* path, std::string* error) {
-  int width = 0, height = 0;
-  SDL_GetRendererOutputSize(w.renderer, &width, &height);
-  std::vector<uint8_t> rgb(static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
-  Draw(w);
-  if (SDL_RenderReadPixels(w.renderer, nullptr, SDL_PIXELFORMAT_RGB24, rgb.data(), width * 3) != 0) {
-    *error = std::string("reading the window back: ") + SDL_GetError();
-    return false;
-  }
-  const uint8_t* planes[4] = {rgb.data(), nullptr, nullptr, nullptr};
-  const int strides[4] = {width * 3, 0, 0, 0};
-  return WritePng(path, planes, strides, width, height, AV_PIX_FMT_RGB24, error);
-}
-
-// Serves keys and window events until the user quits, or the end with --autoexit.
-void RunWindow(SdlWindow& w, ViewSource& source, LatestPicture& latest, const ViewOptions& o) {
-  std::string title;
+// Serves keys and window events until the user quits, or the end with
+// --autoexit. False with a message when the window fails.
+bool RunWindow(ViewWindow& window, const Sources& sources, const ViewOptions& o, std::string* error) {
+  int enlarged = GRID;
   for (;;) {
     SDL_Event event;
-    while (SDL_PollEvent(&event)) {
-      if (event.type == SDL_QUIT) return;
-      if (event.type != SDL_KEYDOWN) continue;
-      switch (event.key.keysym.sym) {
-        case SDLK_q:
-        case SDLK_ESCAPE: return;
-        case SDLK_SPACE: source.TogglePause(latest); break;
-        case SDLK_LEFT: source.Seek(-SEEK_STEP_SECONDS, latest); break;
-        case SDLK_RIGHT: source.Seek(SEEK_STEP_SECONDS, latest); break;
-        default: break;
-      }
-    }
-    if (LibrarySession::Interrupted()) return;
-    if (source.ShowsNewPictures() && latest.Upload(w.texture)) {
-      Draw(w);
-      SDL_RenderPresent(w.renderer);
-    }
-    std::string now = source.Title(latest);
-    if (now != title) SDL_SetWindowTitle(w.window, (title = now).c_str());
-    if (o.autoExit && source.Ended(latest)) return;
+    while (SDL_PollEvent(&event))
+      if (!HandleEvent(event, window, sources, &enlarged)) return true;
+    if (LibrarySession::Interrupted()) return true;
+    if (!window.Refresh(sources, enlarged, error)) return false;
+    window.SetTitle(Title(sources, enlarged));
+    if (o.autoExit && AllEnded(sources)) return true;
     SDL_Delay(EVENT_WAIT_MS);
+  }
+}
+
+// The first source to show a picture within FIRST_PICTURE_TIMEOUT (a lone
+// source: that one), or null; the window takes its size from that picture.
+ViewSource* FirstToShow(const Sources& sources) {
+  const auto deadline = std::chrono::steady_clock::now() + FIRST_PICTURE_TIMEOUT;
+  if (sources.size() == 1) return sources[0]->Slot().WaitForPicture(deadline) ? sources[0].get() : nullptr;
+  for (;;) {
+    for (const std::unique_ptr<ViewSource>& source : sources)
+      if (source->Slot().HasPicture()) return source.get();
+    if (std::chrono::steady_clock::now() >= deadline) return nullptr;
+    std::this_thread::sleep_for(std::chrono::milliseconds(EVENT_WAIT_MS));
   }
 }
 
@@ -372,18 +165,36 @@ bool HasUsableDisplay() {
   return !invisible || (asked != nullptr && std::strcmp(asked, driver) == 0);
 }
 
+// Parses the arguments; false after a usage message.
+bool ParseViewOptions(int argc, char** argv, ViewOptions* o) {
+  const OptionSpec specs[] = {
+      {"--stream", OptionKind::FLAG, &o->stream},
+      {"--start", OptionKind::TIME, &o->startMs},
+      {"--autoexit", OptionKind::FLAG, &o->autoExit},
+  };
+  if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), o->paths, 1, VIEW_GRID_MAX_TILES + 1))
+    return false;
+  o->count = static_cast<int>(std::count_if(std::begin(o->paths), std::end(o->paths),
+                                            [](const char* path) { return path != nullptr; }));
+  if (o->count > VIEW_GRID_MAX_TILES) {
+    CommandError(NAME, "at most %d sources fit in the window", VIEW_GRID_MAX_TILES);
+    return false;
+  }
+  if (o->stream && o->startMs != 0) {
+    CommandError(NAME, "--start has no meaning for a live --stream");
+    return false;
+  }
+  const auto isStdin = [](const char* path) { return std::strcmp(path, "-") == 0; };
+  if (std::count_if(o->paths, o->paths + o->count, isStdin) > 1) {
+    CommandError(NAME, "standard input (-) can feed one source only");
+    return false;
+  }
+  return true;
+}
+
 int RunView(int argc, char** argv) {
   ViewOptions o;
-  const OptionSpec specs[] = {
-      {"--stream", OptionKind::FLAG, &o.stream},
-      {"--start", OptionKind::TIME, &o.startMs},
-      {"--autoexit", OptionKind::FLAG, &o.autoExit},
-  };
-  if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), &o.path, 1, 1)) return EXIT_USAGE;
-  if (o.stream && o.startMs != 0) {
-    CommandError(NAME, "--start has no meaning for a live --stream");
-    return EXIT_USAGE;
-  }
+  if (!ParseViewOptions(argc, argv, &o)) return EXIT_USAGE;
   // Ctrl-C and SIGTERM are the session's to handle (exit codes 130 and 143),
   // not a quit event of SDL's.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
@@ -395,20 +206,24 @@ int RunView(int argc, char** argv) {
     SDL_Quit();
     return CommandError(NAME, "no display: no X11 or Wayland display to open a window on (set DISPLAY)");
   }
-  SdlWindow window;
-  LatestPicture latest(!o.stream);
-  LibrarySession session(LatestPicture::Handle, &latest);
-  ViewSource source(o, session);
+  ViewWindow window;
+  LibrarySession session(/*handler=*/nullptr, /*context=*/nullptr);  // every source has its route
+  Sources sources;
   std::string error;
-  if (!source.Open(&error)) return CommandError(NAME, "%s", error.c_str());
-  if (!latest.WaitForFirst(FIRST_PICTURE_TIMEOUT))
-    return CommandError(NAME, "no picture from %s", o.path);
-  if (!OpenWindow(window, latest.Width(), latest.Height(), &error))
+  for (int i = 0; i < o.count; ++i) {
+    sources.push_back(std::make_unique<ViewSource>(o.paths[i], o.stream, session));
+    if (sources.back()->Route() < 0) return CommandError(NAME, "no route left for %s", o.paths[i]);
+    if (!sources.back()->Open(o.startMs / 1000, &error)) return CommandError(NAME, "%s", error.c_str());
+  }
+  ViewSource* first = FirstToShow(sources);
+  if (first == nullptr)
+    return CommandError(NAME, "no picture from %s", o.count == 1 ? o.paths[0] : "any source");
+  if (!window.Open(o.count, first->Slot().Width(), first->Slot().Height(), &error) ||
+      !RunWindow(window, sources, o, &error))
     return CommandError(NAME, "%s", error.c_str());
-  RunWindow(window, source, latest, o);
-  source.Close();
+  for (const std::unique_ptr<ViewSource>& source : sources) source->Close();
   const char* snapshot = std::getenv(SNAPSHOT_VARIABLE);
-  if (snapshot != nullptr && *snapshot != '\0' && !WriteSnapshot(window, snapshot, &error))
+  if (snapshot != nullptr && *snapshot != '\0' && !window.WriteSnapshot(snapshot, &error))
     return CommandError(NAME, "%s", error.c_str());
   return LibrarySession::Interrupted() ? LibrarySession::InterruptedExitCode() : 0;
 }
@@ -416,18 +231,27 @@ int RunView(int argc, char** argv) {
 }  // namespace
 
 extern const Command VIEW_COMMAND = {
-    NAME, "show a file (or a live stream of it) in a window",
-    "view [--stream] [--start SECONDS] [--autoexit] FILE",
-    "Shows the pictures in a window at 25 a second; the title tells the position\n"
-    "and the length.\n"
+    NAME, "show files, live streams and cameras in a window (a grid of up to 16)",
+    "view [--stream] [--start SECONDS] [--autoexit] SOURCE...",
+    "Shows the pictures of 1 to 16 sources in a window at 25 a second. A SOURCE\n"
+    "is a TQF file, or a live source: - (standard input), a FIFO, or a channel\n"
+    "of `tqfplay serve` (tcp://HOST:PORT[/N] or http://HOST:PORT/N). One source\n"
+    "fills the window and the title tells its position and length; several\n"
+    "share it in a grid of 2x2, 3x3 or 4x4 tiles, each captioned with its name\n"
+    "and status: its pictures in the last second, \"waiting for a key frame\",\n"
+    "\"reconnecting\" (a channel whose connection dropped is connected again\n"
+    "after 0.5 s, doubling up to 5 s), \"paused\" or \"ended\".\n"
     "\n"
-    "  --stream         feed the file as a live source in real time\n"
+    "  --stream         feed the files as live sources in real time\n"
     "  --start SECONDS  seek there first (files)\n"
-    "  --autoexit       quit at the end instead of keeping the last picture\n"
+    "  --autoexit       quit when every source has ended instead of keeping\n"
+    "                   the last pictures\n"
     "\n"
-    "keys: space pause/resume, left/right seek 10 s (files), q or Escape quit.\n"
+    "keys: space pause/resume all, left/right seek 10 s (files: the enlarged\n"
+    "tile, or all in the grid), 1-9 or a double-click enlarge a tile, Escape\n"
+    "back to the grid, q or Escape in the grid quit.\n"
     "A paused live stream runs on behind the held picture; resuming shows it live.\n"
-    "A picture larger than the screen is scaled down to fit.\n"
+    "A window larger than the screen is scaled down to fit.\n"
     "\n"
     "TQFPLAY_VIEW_SNAPSHOT=FILE.png writes what the window shows when it quits.\n",
     RunView,
