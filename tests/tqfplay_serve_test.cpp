@@ -162,13 +162,19 @@ class ServeTest : public ToolTest {
 };
 
 // Frames go out as the file holds them, from where the client joined, and
-// on each pass the stamps run on by the span of one pass.
+// on each pass the stamps run on by the span of one pass. With --spread the
+// second of two copies runs half a pass (12 of 25 ticks) ahead of the first.
 TEST_F(ServeTest, SendsTheFilesFramesInOrderAndLoopsWithStampsRunningOn) {
-  Server server(Quote(path_) + " --port 0 --bind 127.0.0.1");
+  Server server(Quote(path_) + " " + Quote(path_) + " --spread --port 0 --bind 127.0.0.1");
   ASSERT_NE(server.port, 0) << server.log;
   const int client = Connect(server.port, "GET /1 HTTP/1.0\r\n\r\n");
+  const int ahead = Connect(server.port, "GET /2 HTTP/1.0\r\n\r\n");
   const std::vector<Received> frames = Frames(ReadFor(client, std::chrono::milliseconds(2500)));
+  const std::vector<Received> aheadFrames = Frames(ReadFor(ahead, std::chrono::milliseconds(200)));
   close(client);
+  close(ahead);
+  ASSERT_FALSE(aheadFrames.empty());
+  EXPECT_NEAR(double(aheadFrames[0].stamp) - frames[0].stamp, 12 * 40, 40);
   ASSERT_GE(frames.size(), 2 * Count());  // two seconds: a loop at least
   ASSERT_LT(frames[0].place, Count());
   const size_t firstPass = (frames[0].stamp - LoadU32(&camera_.frames[frames[0].place][8])) / 1000;

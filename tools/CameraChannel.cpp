@@ -91,9 +91,9 @@ uint32_t CameraChannel::MeasureSpan() const {
   return increasing ? span : TicksPerPass() * TQF_FRAME_DURATION_MS;
 }
 
-void CameraChannel::Start(Clock::time_point now) {
+void CameraChannel::Start(Clock::time_point now, uint64_t firstTick) {
   due_ = now;
-  tick_ = 0;
+  tick_ = firstTick;
   stopped_ = false;
 }
 

@@ -63,8 +63,9 @@ class CameraChannel {
   // Ticks of one pass: the file's video frames.
   uint32_t TicksPerPass() const { return static_cast<uint32_t>(tickStart_.size() - 1); }
 
-  // Starts the clock: tick 0 is due at `now`.
-  void Start(Clock::time_point now);
+  // Starts the clock at tick `firstTick` of the first pass (0: the file's
+  // start), due at `now`.
+  void Start(Clock::time_point now, uint64_t firstTick);
   // When the next tick is due; Clock::time_point::max() once stopped.
   Clock::time_point NextDue() const { return stopped_ ? Clock::time_point::max() : due_; }
   bool Stopped() const { return stopped_; }

@@ -157,7 +157,11 @@ uint32_t CameraServer::FindChannel(const std::string& text) const {
 }
 
 bool CameraServer::Run(std::string* error) {
-  for (auto& channel : channels_) channel->Start(Clock::now());
+  const Clock::time_point start = Clock::now();
+  for (size_t k = 0; k < channels_.size(); ++k) {
+    const uint64_t ticks = channels_[k]->TicksPerPass();
+    channels_[k]->Start(start, /*firstTick=*/config_.spread ? k * ticks / channels_.size() : 0);
+  }
   std::vector<pollfd> polled;
   bool failed = false;
   while (!stopping_.load() && !failed) {

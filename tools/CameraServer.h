@@ -57,6 +57,10 @@ struct CameraServerConfig {
   std::vector<std::string> files;      // channel 1, 2, ... in this order
   std::string bindAddress = "0.0.0.0";  // an IPv4 or IPv6 address or a host name
   uint16_t port = CHANNEL_DEFAULT_PORT;  // 0: any free port
+  // Channel k of n starts k/n of the way into its file, so that copies of
+  // one file run out of step, as separate cameras do (their key frames then
+  // come in different ticks); otherwise every channel starts at its start.
+  bool spread = false;
   ServerEventHook onEvent = nullptr;     // may be null
   void* eventContext = nullptr;
 };

@@ -54,6 +54,7 @@ bool ParseServeOptions(int argc, char** argv, CameraServerConfig* config) {
   const OptionSpec specs[] = {
       {"--port", OptionKind::NUMBER, &port},
       {"--bind", OptionKind::TEXT, &bind},
+      {"--spread", OptionKind::FLAG, &config->spread},
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), files, 1, MAX_CHANNELS)) return false;
   if (port > MAX_PORT) return StepFailed(NAME, "--port is a number from 0 to %" PRIu32, MAX_PORT);
@@ -88,7 +89,7 @@ int RunServe(int argc, char** argv) {
 
 extern const Command SERVE_COMMAND = {
     NAME, "serve files over TCP as live cameras",
-    "serve FILE... [--port N] [--bind ADDR]",
+    "serve FILE... [--port N] [--bind ADDR] [--spread]",
     "Serves each TQF file as a live camera: channel 1, 2, ... in the order given,\n"
     "also named by its file name without folder and .tqf. A client asks with\n"
     "'GET /CHANNEL HTTP/1.0' (a number, a name, or '/' for channel 1) and gets the\n"
@@ -101,6 +102,8 @@ extern const Command SERVE_COMMAND = {
     "Ctrl-C or SIGTERM stops the server.\n"
     "\n"
     "  --port N      the TCP port (default 9000; 0: any free port, shown at start)\n"
-    "  --bind ADDR   the address to listen on (default 0.0.0.0; '::' for IPv6)\n",
+    "  --bind ADDR   the address to listen on (default 0.0.0.0; '::' for IPv6)\n"
+    "  --spread      start channel k of n k/n of the way into its file, so that one\n"
+    "                file given n times gives n cameras out of step\n",
     RunServe,
 };
