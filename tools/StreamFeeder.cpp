@@ -18,6 +18,8 @@
 namespace {
 
 constexpr std::chrono::milliseconds FRAME_TIME{TQF_FRAME_DURATION_MS};
+// Fed frames a live source forgets at a time.
+constexpr uint32_t FORGET_BATCH = 4096;
 // A live source's reads wait this long at a time between looks at the stop
 // conditions.
 constexpr std::chrono::milliseconds PIPE_WAIT_SLICE{100};
@@ -210,9 +212,9 @@ StreamFeeder::Chunk StreamFeeder::NextChunk(const FeedOptions& options) {
   const uint64_t end = offset_ + size;
   // The video frames this chunk completes: framesFed_ up to `completed`.
   uint32_t completed = static_cast<uint32_t>(
-      std::upper_bound(frameEnds_.begin(), frameEnds_.end(), end) - frameEnds_.begin());
+      std::upper_bound(frameEnds_.begin(), frameEnds_.end(), end) - frameEnds_.begin()) + forgotten_;
   uint32_t before = DeliverableFed();
-  uint32_t after = completed == 0 ? 0 : deliverable_[completed - 1];
+  uint32_t after = completed == 0 ? 0 : deliverable_[completed - 1 - forgotten_];
   Chunk chunk{chunk_.data(), size, 0, clockStart_, completed};
   // All but WINDOW_FRAMES delivered, and everything before a chunk that alone
   // completes more than the window.
@@ -226,6 +228,14 @@ void StreamFeeder::Advance(const Chunk& chunk) {
   offset_ += chunk.size;
   done_ = chunk.size == 0 || (!FromPipe() && offset_ >= size_);
   framesFed_ = chunk.framesFedAfter;
+  // Every frame before the last one fed is done with: NextChunk and
+  // DeliverableFed look at that one and those after it.
+  const uint32_t done = framesFed_ == 0 ? 0 : framesFed_ - 1 - forgotten_;
+  if (FromPipe() && done >= FORGET_BATCH) {
+    frameEnds_.erase(frameEnds_.begin(), frameEnds_.begin() + done);
+    deliverable_.erase(deliverable_.begin(), deliverable_.begin() + done);
+    forgotten_ += done;
+  }
 }
 
 void StreamFeeder::RestartClock() {

@@ -86,7 +86,7 @@ class StreamFeeder {
   // Video frames complete in the bytes fed so far.
   uint32_t FramesFed() const { return framesFed_; }
   // Deliverable frames among them.
-  uint32_t DeliverableFed() const { return framesFed_ == 0 ? 0 : deliverable_[framesFed_ - 1]; }
+  uint32_t DeliverableFed() const { return framesFed_ == 0 ? 0 : deliverable_[framesFed_ - 1 - forgotten_]; }
 
   // The next chunk: where it starts, how long it is, and the pictures that
   // must have arrived before it may go (paced by pictures), or the moment it
@@ -137,8 +137,12 @@ class StreamFeeder {
   std::vector<uint8_t> scan_;  // a pipe's bytes from the first frame not yet complete
   uint64_t scanStart_ = 0;     // the source offset of scan_[0]
   bool sawKey_ = false;
+  // Per video frame from the forgotten_-th on: a live source's frames fed
+  // before the last are forgotten in batches, so that a run of weeks does
+  // not grow without end.
   std::vector<uint64_t> frameEnds_;    // source offsets just past each video frame
   std::vector<uint32_t> deliverable_;  // deliverable frames up to and with each
+  uint32_t forgotten_ = 0;
   uint32_t lastDeliverableStamp_ = 0;
   uint32_t framesFed_ = 0;
   std::mt19937 random_;
