@@ -5,9 +5,24 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/buffer.h>
 #include <libavutil/frame.h>
 #include <libswscale/swscale.h>
 }
+
+namespace {
+
+size_t PackedSize(int32_t width, int32_t height) { return size_t(width) * height * 3 / 2; }
+
+// What a packed picture has after its last plane for the decoder to read,
+// never write: its rows up to libavcodec's aligned height (a multiple of 32
+// at most, plus two rows the chroma motion compensation may touch), and the
+// bytes its SIMD may read past a row's end. Only the last plane's overrun
+// leaves the picture; the others fall into the next plane.
+constexpr size_t SIMD_OVERREAD = 128;
+size_t PackedPadding(int32_t width) { return size_t(width) * 20 + SIMD_OVERREAD; }
+
+}  // namespace
 
 VideoEngine::~VideoEngine() { Close(); }
 
@@ -21,10 +36,15 @@ bool VideoEngine::Open(AVCodecID id, int32_t w, int32_t h) {
   codecId = id;
   width = w;
   height = h;
-  picture = static_cast<uint8_t*>(malloc(static_cast<size_t>(w) * h * 3 / 2));
+  picture = static_cast<uint8_t*>(malloc(PackedSize(w, h)));
   packet = av_packet_alloc();
   frame = av_frame_alloc();
-  if (picture == nullptr || packet == nullptr || frame == nullptr || !OpenCodec()) {
+  shown = av_frame_alloc();
+  // Zeroed once, when the pool makes a buffer, so that the padding the
+  // decoder reads is never uninitialised.
+  packed = av_buffer_pool_init(PackedSize(w, h) + PackedPadding(w), av_buffer_allocz);
+  if (picture == nullptr || packet == nullptr || frame == nullptr || shown == nullptr ||
+      packed == nullptr || !OpenCodec()) {
     Close();
     return false;
   }
@@ -40,6 +60,8 @@ bool VideoEngine::OpenCodec() {
   // delay.
   codec->thread_count = 1;
   codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
+  codec->opaque = this;
+  codec->get_buffer2 = GetBuffer;
   if (avcodec_open2(codec, decoder, nullptr) < 0) {
     avcodec_free_context(&codec);
     return false;
@@ -60,6 +82,8 @@ void VideoEngine::Close() {
   avcodec_free_context(&codec);
   av_packet_free(&packet);
   av_frame_free(&frame);
+  av_frame_free(&shown);
+  av_buffer_pool_uninit(&packed);  // frees each buffer as its last reference goes
   sws_freeContext(scaler);
   scaler = nullptr;
   free(picture);
@@ -74,12 +98,59 @@ uint8_t* VideoEngine::Decode(const uint8_t* data, int32_t length) {
   int sent = avcodec_send_packet(codec, packet);
   av_packet_unref(packet);
   if (sent < 0) return nullptr;
-  bool produced = false;
-  while (avcodec_receive_frame(codec, frame) == 0) {
-    produced = Convert(frame);
-    av_frame_unref(frame);
+  uint8_t* result = nullptr;
+  while (avcodec_receive_frame(codec, frame) == 0) result = Deliver(frame);
+  return result;
+}
+
+bool VideoEngine::TakesPacked(AVCodecContext* context, const AVFrame* target) const {
+  if (!(context->codec->capabilities & AV_CODEC_CAP_DR1) || target->width != width ||
+      target->height != height ||
+      (target->format != AV_PIX_FMT_YUV420P && target->format != AV_PIX_FMT_YUVJ420P))
+    return false;
+  int alignedWidth = width, alignedHeight = height;
+  int strideAlign[AV_NUM_DATA_POINTERS];
+  avcodec_align_dimensions2(context, &alignedWidth, &alignedHeight, strideAlign);
+  const int lumaSize = width * height;
+  const size_t lastPlaneOverrun = size_t(alignedHeight - height + 4) * (width / 2) + SIMD_OVERREAD;
+  return alignedWidth == width && width % strideAlign[0] == 0 && (width / 2) % strideAlign[1] == 0 &&
+         (width / 2) % strideAlign[2] == 0 && (lumaSize / 4) % strideAlign[0] == 0 &&
+         lastPlaneOverrun <= PackedPadding(width);
+}
+
+int VideoEngine::GetBuffer(AVCodecContext* context, AVFrame* target, int flags) {
+  VideoEngine* engine = static_cast<VideoEngine*>(context->opaque);
+  if (!engine->TakesPacked(context, target)) return avcodec_default_get_buffer2(context, target, flags);
+  AVBufferRef* buffer = av_buffer_pool_get(engine->packed);
+  if (buffer == nullptr) return AVERROR(ENOMEM);
+  const int lumaSize = engine->width * engine->height;
+  target->buf[0] = buffer;
+  target->data[0] = buffer->data;
+  target->data[1] = buffer->data + lumaSize;
+  target->data[2] = buffer->data + lumaSize + lumaSize / 4;
+  target->linesize[0] = engine->width;
+  target->linesize[1] = target->linesize[2] = engine->width / 2;
+  target->extended_data = target->data;
+  return 0;
+}
+
+uint8_t* VideoEngine::Deliver(AVFrame* decoded) {
+  const int lumaSize = width * height;
+  const bool isPacked = decoded->width == width && decoded->height == height &&
+                        (decoded->format == AV_PIX_FMT_YUV420P || decoded->format == AV_PIX_FMT_YUVJ420P) &&
+                        decoded->linesize[0] == width && decoded->linesize[1] == width / 2 &&
+                        decoded->linesize[2] == width / 2 && decoded->data[1] == decoded->data[0] + lumaSize &&
+                        decoded->data[2] == decoded->data[1] + lumaSize / 4;
+  if (isPacked) {
+    // The frame is the picture: hold it (the decoder may keep it as a
+    // reference too, but never writes to it again) until the next one.
+    av_frame_unref(shown);
+    av_frame_move_ref(shown, decoded);
+    return shown->data[0];
   }
-  return produced ? picture : nullptr;
+  const bool converted = Convert(decoded);
+  av_frame_unref(decoded);
+  return converted ? picture : nullptr;
 }
 
 namespace {

@@ -9,6 +9,14 @@
 // holds width * height * 3 / 2 bytes laid out as the decoder contract says.
 // The payload is copied into a padded packet of the engine's own, since
 // libavcodec may read past the end of its input.
+//
+// When the coded size is the output size and the planes of a packed picture
+// meet libavcodec's alignment (720p and 1080p-wide streams coded without
+// cropping, among others), the decoder writes straight into packed pictures
+// from a pool of the engine's own and the returned picture is the decoded
+// frame itself: no copy. Otherwise the frame is copied or converted into
+// `picture`. Either way the returned memory stays valid until the next Decode
+// that produces a picture, or Close.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +25,7 @@ extern "C" {
 #include <libavcodec/codec_id.h>
 }
 
+struct AVBufferPool;
 struct AVCodecContext;
 struct AVFrame;
 struct AVPacket;
@@ -27,8 +36,10 @@ struct VideoEngine {
   AVCodecContext* codec = nullptr;
   AVPacket* packet = nullptr;
   AVFrame* frame = nullptr;
+  AVFrame* shown = nullptr;       // the last picture decoded in place, held for the caller
+  AVBufferPool* packed = nullptr;  // packed pictures with the decoder's padding
   SwsContext* scaler = nullptr;
-  uint8_t* picture = nullptr;  // width * height * 3 / 2 bytes
+  uint8_t* picture = nullptr;  // width * height * 3 / 2 bytes, for copied pictures
   int32_t width = 0;
   int32_t height = 0;
 
@@ -59,5 +70,8 @@ struct VideoEngine {
 
  private:
   bool OpenCodec();
+  uint8_t* Deliver(AVFrame* decoded);
   bool Convert(const AVFrame* decoded);
+  static int GetBuffer(AVCodecContext* codec, AVFrame* frame, int flags);
+  bool TakesPacked(AVCodecContext* codec, const AVFrame* frame) const;
 };

@@ -20,6 +20,9 @@ endfunction()
 set(X264_ARGS -c:v libx264 -bf 0 -g 25 -x264-params aud=1:repeat-headers=1 -pix_fmt yuv420p -f h264)
 codec_media(main_352x288.h264 yuv420p -f lavfi -i testsrc2=size=352x288:rate=25 -frames:v 60
             -profile:v main ${X264_ARGS})
+# Coded at the output size with aligned planes: decoded in place, without a copy.
+codec_media(main_640x480.h264 yuv420p -f lavfi -i testsrc2=size=640x480:rate=25 -frames:v 60
+            -profile:v main ${X264_ARGS})
 codec_media(baseline_320x240.h264 yuv420p -f lavfi -i testsrc2=size=320x240:rate=25 -frames:v 30
             -profile:v baseline ${X264_ARGS})
 # JPEG references keep the file's full range; an odd height is cut from an even one.
