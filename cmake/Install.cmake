@@ -36,3 +36,17 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/TQFPlayConfigVersion.cmak
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/TQFPlayConfig.cmake ${PROJECT_BINARY_DIR}/TQFPlayConfigVersion.cmake
   DESTINATION ${TQFPLAY_CMAKE_DIR})
+
+# The Python package, where Debian's python3 looks under the prefix
+# (lib/python3.X/dist-packages; site-packages on other systems), with the
+# installed library's path written into it.
+find_program(TQF_INSTALL_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
+if(TQF_INSTALL_PYTHON)
+  execute_process(COMMAND ${TQF_INSTALL_PYTHON} -c
+    "import os, sys; print('lib/python%d.%d/' % sys.version_info[:2] + ('dist-packages' if os.path.isdir('/usr/lib/python3/dist-packages') else 'site-packages'))"
+    OUTPUT_VARIABLE TQF_PYTHON_DIR OUTPUT_STRIP_TRAILING_WHITESPACE)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/tqfplay DESTINATION ${TQF_PYTHON_DIR}
+    PATTERN __pycache__ EXCLUDE)
+  install(CODE "file(WRITE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${TQF_PYTHON_DIR}/tqfplay/_installed.py\"
+    \"LIBRARY = '\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/libTQFPlay.so.1'\\n\")")
+endif()

@@ -11,6 +11,7 @@ packages=(
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libswresample-dev
   libturbojpeg0-dev libsdl2-dev
   ffmpeg xvfb xdotool
+  python3 python3-numpy python3-pytest python3-matplotlib python3-setuptools python3-pip
 )
 
 missing=()
