@@ -7,7 +7,7 @@ import threading
 
 from ._container import FRAMES_PER_SECOND, KNOWN_CODECS, FileIndex
 from ._library import PICTURE_CALLBACK, library
-from .errors import TQFError
+from .errors import ClosedOnExit, TQFError
 from .picture import FRAME_SECONDS, Picture
 
 # How far past the expected frame a picture's stamp is looked for, when a
@@ -64,7 +64,7 @@ class _FileSink:
         self.queue.end()
 
 
-class File:
+class File(ClosedOnExit):
     """A TQF file open for playing: see tqfplay.open."""
 
     def __init__(self, path):
@@ -206,12 +206,6 @@ class File:
         self._lib.forget(sink)
         sink.handle = None
         self._playing = False
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_exception):
-        self.close()
 
     def __del__(self):
         if getattr(self, "_sink", None) is not None:

@@ -6,7 +6,7 @@ import threading
 
 from ._container import FRAME_HEAD, FRAME_SYNC, KEY_FLAG, VIDEO_STREAM
 from ._library import PICTURE_CALLBACK, library
-from .errors import TQFError
+from .errors import ClosedOnExit, TQFError
 from .picture import Picture
 
 # Pictures a decoder may hold back for reordering, and never give out without
@@ -85,7 +85,7 @@ class _StreamSink:
             self.queue.end()
 
 
-class Stream:
+class Stream(ClosedOnExit):
     """A live stream's player, opened on the stream's header block. Feed it
     with feed() from any thread and iterate it for pictures. finish() says no
     more bytes come: the iteration then ends after the picture of the last
@@ -167,12 +167,6 @@ class Stream:
             self._lib.dll.TQ_CloseStream(handle)
         for action in self._on_close:
             action()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_exception):
-        self.close()
 
     def __del__(self):
         if getattr(self, "_handle", None) is not None:
