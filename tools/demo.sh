@@ -35,8 +35,11 @@ step "export to $out/demo.mp4 (H.264 as it is, audio to AAC)"
 step "the audio to $out/demo.wav"
 "$tool" audio -y "$sample" "$out/demo.wav"
 
+step "when did something happen: the activity timeline, $out/activity.png"
+TQFPLAY_LIBRARY="$build/libTQFPlay.so.1" /usr/bin/python3 examples/python/activity.py "$sample" --out "$out/activity.png"
+
 step "made in $out/"
-for f in demo.y4m contact.png recorded.tqf demo.mp4 demo.wav; do
+for f in demo.y4m contact.png recorded.tqf demo.mp4 demo.wav activity.png; do
   printf '  %-14s %10s bytes\n' "$f" "$(stat -c %s "$out/$f")"
 done
 printf '  %-14s %10s files\n' "stills/" "$(ls "$out/stills" | wc -l)"

@@ -163,7 +163,10 @@ def test_ctrl_c_ends_a_loop_cleanly():
               "for p in f:\n    print(p.index, flush=True)\n    time.sleep(0.05)\n")
     child = subprocess.Popen([sys.executable, "-c", script, SAMPLE], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, text=True, env={**os.environ, "PYTHONPATH": str(PACKAGE)})
-    assert child.stdout.readline() == "0\n"
-    child.send_signal(signal.SIGINT)
-    _, errors = child.communicate(timeout=30)
+    try:
+        assert child.stdout.readline() == "0\n"
+        child.send_signal(signal.SIGINT)
+        _, errors = child.communicate(timeout=30)
+    finally:
+        child.kill()
     assert child.returncode == -signal.SIGINT and errors.rstrip().endswith("KeyboardInterrupt")
