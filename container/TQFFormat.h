@@ -34,6 +34,11 @@ constexpr uint32_t FOURCC_AVS0 = MakeFourCC('A', 'V', 'S', '0');  // 0x30535641
 constexpr uint32_t FOURCC_JPEG = MakeFourCC('J', 'P', 'E', 'G');  // 0x4745504A
 static_assert(FOURCC_H264 == 0x34363248 && FOURCC_G264 == 0x34363247 &&
               FOURCC_AVS0 == 0x30535641 && FOURCC_JPEG == 0x4745504A);
+// H.265 has two names in the field: "H265" is what the writers here put, and
+// "HEVC" is read as the same codec.
+constexpr uint32_t FOURCC_H265 = MakeFourCC('H', '2', '6', '5');  // 0x35363248
+constexpr uint32_t FOURCC_HEVC = MakeFourCC('H', 'E', 'V', 'C');  // 0x43564548
+static_assert(FOURCC_H265 == 0x35363248 && FOURCC_HEVC == 0x43564548);
 // The record type of a G.726 audio stream (the payload: a WAVEFORMATEX).
 constexpr uint32_t G726_RECORD_TYPE = 100;
 
