@@ -52,20 +52,9 @@ void FrameIndex::Clear() {
 
 // ---- The scan --------------------------------------------------------------
 
-namespace {
-
-// One record of the header block, as the walk found it.
-struct RecordSpan {
-  uint64_t head;  // offset of the record's head
-  uint32_t type;
-  uint32_t length;
-};
-
 // Walks the records by their lengths, in 64-bit sums, up to record `number`.
-// False if the count is 0 or above 16, `number` is not below it, or any
-// record up to `number` runs past `size`. Both the index scan and GetRecord
-// stand on this one check.
-bool FindRecord(const uint8_t* data, uint64_t size, uint32_t number, RecordSpan* span) {
+// Both the index scan and GetRecord stand on this one check.
+bool TQFReader::FindRecord(const uint8_t* data, uint64_t size, uint32_t number, RecordSpan* span) {
   if (data == nullptr || size < TQF_FILE_HEADER_SIZE) return false;
   const uint32_t recordCount = LoadU32(data + offsetof(TQFFileHeader, recordCount));
   if (recordCount == 0 || recordCount > TQF_READER_MAX_RECORDS || number >= recordCount)
@@ -83,9 +72,7 @@ bool FindRecord(const uint8_t* data, uint64_t size, uint32_t number, RecordSpan*
   }
 }
 
-// The offset just past the records, or 0 if the count or the lengths do not
-// fit the file.
-uint64_t RecordsEnd(const uint8_t* data, uint64_t size) {
+uint64_t TQFReader::RecordsEnd(const uint8_t* data, uint64_t size) {
   if (data == nullptr || size < TQF_FILE_HEADER_SIZE) return 0;
   RecordSpan last;
   const uint32_t recordCount = LoadU32(data + offsetof(TQFFileHeader, recordCount));
@@ -93,31 +80,42 @@ uint64_t RecordsEnd(const uint8_t* data, uint64_t size) {
   return last.head + TQF_RECORD_HEAD_SIZE + last.length;
 }
 
-// The frames from `position` (just past the records) on; ScanFrames runs it
-// under the fault guard.
-void WalkFrames(const uint8_t* data, uint64_t size, uint64_t position, FrameVisitor visit,
-                void* context, FrameScanSummary* summary) {
-  const uint64_t end = size;
-  while (position < end) {
-    uint64_t sync = FindFrameSync(data, position, end);
-    if (summary != nullptr) summary->skippedBytes += (sync < end ? sync : end) - position;
-    if (sync >= end) break;
+
+FrameWalk TQFReader::WalkWindow(const uint8_t* window, uint64_t base, uint64_t length,
+                                uint64_t fileSize, uint64_t position, FrameVisitor visit,
+                                void* context, FrameScanSummary* summary) {
+  const uint64_t end = base + length;
+  const FrameWalk done{fileSize, true};
+  auto skipped = [&](uint64_t to) {
+    if (summary != nullptr) summary->skippedBytes += to - position;
+  };
+  while (position < fileSize) {
+    if (position >= end) return FrameWalk{position, false};
+    const uint64_t sync = base + FindFrameSync(window, position - base, length);
+    if (sync >= end) {
+      if (end >= fileSize) break;
+      // A sync word may straddle the window's end: go on from its last bytes.
+      const uint64_t resume = end - position > 3 ? end - 3 : position;
+      skipped(resume);
+      return FrameWalk{resume, false};
+    }
+    skipped(sync);
     position = sync + 4;
     // The frame head counts only if it lies wholly inside the file.
-    if (end - position < sizeof(TQFFrameHeader)) break;
+    if (fileSize - position < sizeof(TQFFrameHeader)) return done;
+    if (end - position < sizeof(TQFFrameHeader)) return FrameWalk{sync, false};
     ScannedFrame frame;
     frame.syncOffset = sync;
-    frame.entry.info = LoadU32(data + position);
-    frame.entry.stamp = LoadU32(data + position + 4);
+    frame.entry.info = LoadU32(window + (position - base));
+    frame.entry.stamp = LoadU32(window + (position - base) + 4);
     frame.entry.payloadOffset = position + sizeof(TQFFrameHeader);
     position += sizeof(TQFFrameHeader) + FramePayloadLength(frame.entry.info);
     // A frame is kept only if at least one byte of the file follows it.
-    if (position >= end) break;
-    if (!visit(frame, context)) break;
+    if (position >= fileSize || !visit(frame, context)) return done;
   }
+  skipped(position < fileSize ? fileSize : position);
+  return done;
 }
-
-}  // namespace
 
 bool TQFReader::ScanFrames(const uint8_t* data, uint64_t size, FrameVisitor visit, void* context,
                            FrameScanSummary* summary) {
@@ -127,7 +125,7 @@ bool TQFReader::ScanFrames(const uint8_t* data, uint64_t size, FrameVisitor visi
   if (summary != nullptr) *summary = FrameScanSummary{position, 0};
   // A fault means the file ends earlier than it did when mapped: what was
   // walked stands, as at any other end.
-  auto walk = [&] { WalkFrames(data, size, position, visit, context, summary); };
+  auto walk = [&] { WalkWindow(data, 0, size, size, position, visit, context, summary); };
   RunGuarded(walk);
   return true;
 }

@@ -81,6 +81,19 @@ struct FrameScanSummary {
   uint64_t skippedBytes;  // bytes stepped over one at a time looking for a sync word
 };
 
+// One record of the header block, as the walk over the records found it.
+struct RecordSpan {
+  uint64_t head;  // offset of the record's head
+  uint32_t type;
+  uint32_t length;
+};
+
+// Where a walk over a window of a file stopped.
+struct FrameWalk {
+  uint64_t position;  // the file offset to go on from with the next window
+  bool finished;      // the file's end was reached, or the visitor stopped the walk
+};
+
 class TQFReader : public MappedFile {
  public:
   TQFReader() = default;
@@ -137,6 +150,27 @@ class TQFReader : public MappedFile {
   // was cut short, it ends at the cut.
   static bool ScanFrames(const uint8_t* data, uint64_t size, FrameVisitor visit, void* context,
                          FrameScanSummary* summary);
+
+  // Record `number` of the header block at `data` (`size` bytes, from the
+  // file's start), found by walking the records by their lengths. False if
+  // `data` is null, the count is 0 or above 16, `number` is not below it, or
+  // any record up to `number` runs past `size`.
+  static bool FindRecord(const uint8_t* data, uint64_t size, uint32_t number, RecordSpan* span);
+  // The offset just past the records, or 0 if the count or the lengths do
+  // not fit `size`.
+  static uint64_t RecordsEnd(const uint8_t* data, uint64_t size);
+
+  // The walk of ScanFrames over a window of the file, for readers that see
+  // the file a piece at a time: `window` holds the bytes [base, base +
+  // length) of a file of `fileSize` bytes, and the walk starts at `position`,
+  // just past the records or where the last window's walk stopped. It stops
+  // unfinished where it needs bytes past the window (a frame head, or a
+  // sync word that may straddle the window's end, or a frame starting past
+  // it); a window of at least 16 bytes from there makes progress. Windows
+  // that cover the file give the frames ScanFrames gives. No fault guard.
+  static FrameWalk WalkWindow(const uint8_t* window, uint64_t base, uint64_t length,
+                              uint64_t fileSize, uint64_t position, FrameVisitor visit,
+                              void* context, FrameScanSummary* summary);
 
   // The number of records the header block counts, read at Open; 0 when no
   // file is mapped.

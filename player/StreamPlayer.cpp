@@ -18,17 +18,6 @@ constexpr int32_t BLOCK_HEAD_SIZE = 8;  // a queued frame: info, stamp, payload
 constexpr uint32_t RECORD_GAP_FLAG = 0x80000000u;
 constexpr uint32_t RECORD_GENERATION_MASK = 0x7FFFFFFFu;
 
-// A payload above 524,288 bytes is refused on a live stream.
-bool LengthAllowed(uint32_t info) { return FramePayloadLength(info) <= TQF_STREAM_MAX_FRAME_PAYLOAD; }
-
-// The offset of the first sync word at an offset from `from` up to `length`
-// minus 4, or -1.
-int32_t FindSync(const uint8_t* bytes, int32_t from, int32_t length) {
-  if (from >= length) return -1;
-  const uint64_t at = FindFrameSync(bytes, static_cast<uint64_t>(from), static_cast<uint64_t>(length));
-  return at == static_cast<uint64_t>(length) ? -1 : static_cast<int32_t>(at);
-}
-
 uint32_t WorkerMain(void* argument) {
   StreamPlayer* player = static_cast<StreamPlayer*>(argument);
   while (!player->stopWorker.load(std::memory_order_acquire)) player->WorkerStep();
@@ -148,7 +137,7 @@ int32_t StreamPlayer::FeedBytes(const uint8_t* data, int32_t size) {
   if (static_cast<int64_t>(parseLength) + size > PARSE_BUFFER_SIZE) {
     OutputDebugStringA("TQF buffer overflow.\n");
     parseLength = 0;
-    lostSync = true;
+    splitter.lostSync = true;
     return 0;
   }
   memcpy(parseBuffer + parseLength, data, static_cast<size_t>(size));
@@ -169,46 +158,12 @@ void StreamPlayer::Consume(int32_t bytes) {
 }
 
 bool StreamPlayer::ParseStep() {
-  if (!lostSync) {
-    if (parseLength < FRAME_HEAD_SIZE) return false;
-    const uint8_t* frame = parseBuffer + parseStart;
-    const uint32_t info = LoadU32(frame + 4);
-    if (LoadU32(frame) != TQF_FRAME_SYNC) {
-      lostSync = true;
-      OutputDebugStringA("TQF Frame sync lost.\n");
-    } else if (!LengthAllowed(info)) {
-      lostSync = true;
-      OutputDebugStringA("TQF Frame length too big.\n");
-    } else if (FramePayloadLength(info) > static_cast<uint32_t>(parseLength - FRAME_HEAD_SIZE)) {
-      return false;  // not complete yet
-    }
-  }
-  if (lostSync && !Resynchronise()) return false;
+  int32_t skip = 0;
+  const FrameSplitter::Step step = splitter.Next(parseBuffer + parseStart, parseLength, &skip);
+  Consume(skip);
+  if (step == FrameSplitter::Step::MORE) return false;
   Dispatch(LoadU32(parseBuffer + parseStart + 4));
   return true;
-}
-
-bool StreamPlayer::Resynchronise() {
-  const int32_t first = FindSync(parseBuffer + parseStart, 0, parseLength);
-  if (first < 0) {
-    parseStart = 0;
-    parseLength = 0;
-    return false;
-  }
-  Consume(first);
-  for (;;) {
-    // A candidate counts only when the next sync word confirms its length.
-    const int32_t next = FindSync(parseBuffer + parseStart, 4, parseLength);
-    if (next < 0) return false;
-    const uint32_t info = LoadU32(parseBuffer + parseStart + 4);
-    if (next >= FRAME_HEAD_SIZE && LengthAllowed(info) &&
-        FramePayloadLength(info) == static_cast<uint32_t>(next - FRAME_HEAD_SIZE)) {
-      OutputDebugStringA("TQF resync.\n");
-      lostSync = false;
-      return true;
-    }
-    Consume(next);
-  }
 }
 
 void StreamPlayer::Dispatch(uint32_t info) {

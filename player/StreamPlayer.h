@@ -29,6 +29,7 @@
 #include <cstdint>
 #include <string>
 
+#include "FrameSplitter.h"
 #include "PlayerCore.h"
 #include "PlayerManager.h"
 #include "TQFFormat.h"
@@ -47,7 +48,7 @@ struct StreamPlayer : PlayerCore {
   // on the host's thread and by the recorder for the write of one frame;
   // never together with `lock`.
   CRecursiveLock recordLock;
-  bool lostSync = false;
+  FrameSplitter splitter;  // the sync state of the parse
   int32_t parseLength = 0;
   // Unparsed input. Between calls it starts at the first byte; within one
   // FeedBytes the consumed part is skipped by `parseStart` and the rest moved
@@ -121,7 +122,6 @@ struct StreamPlayer : PlayerCore {
   void StartWorker();
   void StopWorker();
   void ReleaseAll();
-  bool Resynchronise();
   void Dispatch(uint32_t info);
   void Consume(int32_t bytes);
   void QueueForRecording(int32_t blockSize);

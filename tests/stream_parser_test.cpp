@@ -87,7 +87,7 @@ TEST_F(StreamParser, OverflowDropsEverythingAndNeedsAConfirmedFrameAfter) {
   Feed(Bytes(4194304 - 99, 0x42));
   EXPECT_EQ(capture_.Lines().back(), "TQF buffer overflow.\n");
   EXPECT_EQ(player_->parseLength, 0);
-  EXPECT_TRUE(player_->lostSync);
+  EXPECT_TRUE(player_->splitter.lostSync);
   // A sync word inside a payload ends that frame's candidacy and fails the
   // length test itself: `b`, confirmed by `c`'s sync, is found again.
   Bytes tricky = Payload(64, 9);
@@ -119,7 +119,7 @@ TEST_F(StreamParser, EmptyForeignAndPreKeyFramesAreDroppedSilentlyAndPayloadsAre
   EXPECT_TRUE(capture_.Lines().empty());
   Feed(Frame(Info(524289, 0, 0), 6, Payload(16)));
   EXPECT_EQ(capture_.Lines(), std::vector<std::string>{"TQF Frame length too big.\n"});
-  EXPECT_TRUE(player_->lostSync);
+  EXPECT_TRUE(player_->splitter.lostSync);
 }
 
 }  // namespace

@@ -197,3 +197,34 @@ TEST_F(ReaderTest, OpenTwiceIsRefusedAndSideIndexHoldsEveryStream) {
 }
 
 }  // namespace
+
+// A reader that sees the file a window at a time finds the frames the whole
+// scan finds, whatever the window: sync words and frame heads cut by a
+// window's end, garbage between frames, and payloads longer than a window.
+TEST(WalkWindowTest, WindowsOfAnySizeFindTheFramesOfTheWholeScan) {
+  const Bytes file = Concat({Standard(), F(3, true), Bytes{0x55, 0xAA, 0x01}, F(70, false, 1, 9),
+                             Bytes(5, 0x55), F(1), F(200, true, 0, 7), F(2), ZERO});
+  using Frames = std::vector<std::pair<uint64_t, uint32_t>>;
+  auto collect = [](const ScannedFrame& frame, void* context) {
+    static_cast<Frames*>(context)->emplace_back(frame.syncOffset, frame.entry.info);
+    return true;
+  };
+  Frames whole;
+  FrameScanSummary wholeSummary{};
+  ASSERT_TRUE(TQFReader::ScanFrames(file.data(), file.size(), collect, &whole, &wholeSummary));
+  ASSERT_EQ(whole.size(), 5u);
+  for (uint64_t windowSize : {16u, 17u, 31u, 64u, 4096u}) {
+    SCOPED_TRACE(windowSize);
+    Frames windowed;
+    FrameScanSummary summary{};
+    FrameWalk walk{TQFReader::RecordsEnd(file.data(), file.size()), false};
+    for (int steps = 0; !walk.finished; ++steps) {
+      ASSERT_LT(steps, 1000) << "no progress at " << walk.position;
+      const uint64_t length = std::min<uint64_t>(windowSize, file.size() - walk.position);
+      walk = TQFReader::WalkWindow(file.data() + walk.position, walk.position, length, file.size(),
+                                   walk.position, collect, &windowed, &summary);
+    }
+    EXPECT_EQ(windowed, whole);
+    EXPECT_EQ(summary.skippedBytes, wholeSummary.skippedBytes);
+  }
+}
