@@ -41,6 +41,8 @@ constexpr uint32_t FOURCC_HEVC = MakeFourCC('H', 'E', 'V', 'C');  // 0x43564548
 static_assert(FOURCC_H265 == 0x35363248 && FOURCC_HEVC == 0x43564548);
 // The record type of a G.726 audio stream (the payload: a WAVEFORMATEX).
 constexpr uint32_t G726_RECORD_TYPE = 100;
+// Writers cut G.726 into frames of 320 bytes: 640 samples, 80 ms at 8 kHz.
+constexpr uint32_t G726_FRAME_BYTES = 320;
 
 // Sizes of the fixed parts.
 constexpr uint32_t TQF_FILE_HEADER_SIZE = 16;
@@ -117,6 +119,32 @@ struct MediaDescriptor {
   uint32_t coloursImportant;
 };
 static_assert(sizeof(MediaDescriptor) == TQF_MEDIA_DESCRIPTOR_SIZE);
+
+// The audio stream's record: a WAVEFORMATEX (format tag, channels, rate,
+// bytes a second, block align, bits a sample, extra size).
+#pragma pack(push, 1)
+struct WaveFormat {
+  uint16_t formatTag;
+  uint16_t channels;
+  uint32_t samplesPerSecond;
+  uint32_t bytesPerSecond;
+  uint16_t blockAlign;
+  uint16_t bitsPerSample;
+  uint16_t extraSize;
+};
+#pragma pack(pop)
+static_assert(sizeof(WaveFormat) == 18);
+
+// The record writers give G.726 at 32 kbit/s, 8 kHz mono, four bits a sample.
+constexpr WaveFormat G726_WAVE_FORMAT{static_cast<uint16_t>(G726_RECORD_TYPE), 1, 8000, 4000, 1, 4, 0};
+
+// The descriptor writers give a video stream: planar 4:2:0 pictures of
+// width x height, coded as `compression`.
+constexpr MediaDescriptor MakeMediaDescriptor(uint32_t compression, int32_t width, int32_t height) {
+  return MediaDescriptor{TQF_MEDIA_DESCRIPTOR_SIZE, width, height, 1, 12, compression,
+                         static_cast<uint32_t>(width) * static_cast<uint32_t>(height) * 3 / 2,
+                         0, 0, 0, 0};
+}
 
 // A record type is a FourCC, and its record a media descriptor, when its
 // upper 16 bits hold at least 0x0080.

@@ -38,23 +38,9 @@ constexpr const char NAME[] = "import";
 // The audio the player's G.726 decoder takes: 32 kbit/s, 8 kHz mono, four
 // bits a sample, low nibble first (g726le), 320 bytes a frame.
 constexpr int AUDIO_BIT_RATE = 32000;
-constexpr size_t AUDIO_FRAME_BYTES = 320;
+constexpr size_t AUDIO_FRAME_BYTES = G726_FRAME_BYTES;
 constexpr uint32_t AUDIO_FRAME_MS = AUDIO_FRAME_BYTES * 2 * 1000 / G726_SAMPLE_RATE;  // 80
 constexpr int AUDIO_ENCODER_FRAME_SAMPLES = 640;  // used when the encoder names no size
-// The audio stream's record (G726_RECORD_TYPE) holds a WAVEFORMATEX (format
-// tag, channels, rate, bytes a second, block align, bits a sample, extra size).
-#pragma pack(push, 1)
-struct WaveFormat {
-  uint16_t formatTag;
-  uint16_t channels;
-  uint32_t samplesPerSecond;
-  uint32_t bytesPerSecond;
-  uint16_t blockAlign;
-  uint16_t bitsPerSample;
-  uint16_t extraSize;
-};
-#pragma pack(pop)
-static_assert(sizeof(WaveFormat) == 18);
 
 
 // Everything one import holds; its owners release what was made.
@@ -349,22 +335,13 @@ bool CreateOutput(ImportContext& c) {
     return StepFailed(NAME, "%s: cannot create: %s", c.outputPath, std::strerror(errno));
   }
   const AVCodecParameters* video = c.format->streams[c.videoStream]->codecpar;
-  MediaDescriptor descriptor{};
-  descriptor.structureSize = sizeof descriptor;
-  descriptor.width = video->width;
-  descriptor.height = video->height;
-  descriptor.planes = 1;
-  descriptor.bitsPerPixel = 12;  // the player's pictures: planar 4:2:0
-  descriptor.compression = c.fourcc;
-  descriptor.imageSize = static_cast<uint32_t>(video->width * video->height * 3 / 2);
+  const MediaDescriptor descriptor = MakeMediaDescriptor(c.fourcc, video->width, video->height);
   if (!IsPlayablePictureSize(video->width, video->height))
     std::fprintf(stderr, "tqfplay import: warning: %dx%d is a picture size players refuse "
                  "(width a multiple of 16, even height)\n", video->width, video->height);
   bool added = c.writer.AddRecord(c.fourcc, &descriptor, sizeof descriptor) == 0;
   if (added && c.withAudio) {
-    const WaveFormat wave{static_cast<uint16_t>(G726_RECORD_TYPE), 1, G726_SAMPLE_RATE,
-                          AUDIO_BIT_RATE / 8, 1, 4, 0};
-    added = c.writer.AddRecord(G726_RECORD_TYPE, &wave, sizeof wave) == 1;
+    added = c.writer.AddRecord(G726_RECORD_TYPE, &G726_WAVE_FORMAT, sizeof G726_WAVE_FORMAT) == 1;
   }
   if (!added) CommandError(NAME, "%s: write failed", c.outputPath);
   return added;
