@@ -542,6 +542,8 @@ bool DemuxContext::Seek(GstEvent* event) {
       // key frame up to it are decoded and clipped downstream.
       if ((flags & GST_SEEK_FLAG_ACCURATE) == 0 && GST_CLOCK_TIME_IS_VALID(keyTime))
         seeking.start = seeking.position = seeking.time = keyTime;
+      GST_DEBUG_OBJECT(element, "seek to %" GST_TIME_FORMAT ": frame %zu at %" GST_TIME_FORMAT,
+                       GST_TIME_ARGS(seeking.position), next, GST_TIME_ARGS(keyTime));
       segment = seeking;
       segmentPending = true;
       segmentSeqnum = seqnum;

@@ -27,6 +27,7 @@ struct MuxContext {
   GstAggregatorPad* audioPad = nullptr;
   bool headerSent = false;
   GstClockTime origin = GST_CLOCK_TIME_NONE;  // running time of stamp 0
+  uint32_t lastStamp = 0;
   G726State g726;
   std::vector<int16_t> samples;                    // audio not yet encoded
   GstClockTime samplesTime = GST_CLOCK_TIME_NONE;  // running time of samples[0]
@@ -35,6 +36,7 @@ struct MuxContext {
   void Reset() {
     headerSent = false;
     origin = GST_CLOCK_TIME_NONE;
+    lastStamp = 0;
     G726Reset(&g726);
     samples.clear();
     samplesTime = GST_CLOCK_TIME_NONE;
@@ -66,11 +68,13 @@ GstClockTime DueTime(GstAggregatorPad* pad, GstBuffer* buffer) {
   return RunningTime(pad, GST_BUFFER_DTS_OR_PTS(buffer));
 }
 
-// A frame's stamp: milliseconds of running time since the first frame.
+// A frame's stamp: milliseconds of running time since the first frame; a
+// frame with no time keeps the last stamp.
 uint32_t StampOf(MuxContext& c, GstClockTime runningTime) {
-  if (!GST_CLOCK_TIME_IS_VALID(runningTime)) return 0;
+  if (!GST_CLOCK_TIME_IS_VALID(runningTime)) return c.lastStamp;
   if (!GST_CLOCK_TIME_IS_VALID(c.origin)) c.origin = runningTime;
-  return runningTime <= c.origin ? 0 : static_cast<uint32_t>((runningTime - c.origin) / GST_MSECOND);
+  c.lastStamp = runningTime <= c.origin ? 0 : static_cast<uint32_t>((runningTime - c.origin) / GST_MSECOND);
+  return c.lastStamp;
 }
 
 GstFlowReturn PushFrame(GstAggregator* mux, uint32_t stream, bool key, uint32_t stamp,
@@ -156,9 +160,10 @@ GstFlowReturn TakeVideo(GstAggregator* mux, MuxContext& c, GstBuffer* buffer) {
   GstMapInfo map;
   if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) return Fail(mux, "cannot read a video buffer");
   const bool key = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
-  const uint32_t stamp = StampOf(c, RunningTime(c.videoPad, GST_BUFFER_PTS(buffer)));
-  const GstFlowReturn result = PushFrame(mux, TQF_STREAM_VIDEO, key, stamp, map.data, map.size,
-                                         GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer));
+  // The output runs on running time, as the aggregator's segment does.
+  const GstClockTime pts = RunningTime(c.videoPad, GST_BUFFER_PTS(buffer));
+  const GstFlowReturn result = PushFrame(mux, TQF_STREAM_VIDEO, key, StampOf(c, pts), map.data, map.size,
+                                         pts, RunningTime(c.videoPad, GST_BUFFER_DTS(buffer)));
   gst_buffer_unmap(buffer, &map);
   return result;
 }
@@ -202,6 +207,8 @@ GstFlowReturn Aggregate(GstAggregator* mux, gboolean) {
     return result == GST_FLOW_OK ? GST_FLOW_EOS : result;
   }
   GstBuffer* buffer = gst_aggregator_pad_pop_buffer(pad);
+  gst_aggregator_selected_samples(mux, GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer),
+                                  GST_BUFFER_DURATION(buffer), nullptr);
   const GstFlowReturn result = pad == c.videoPad ? TakeVideo(mux, c, buffer) : TakeAudio(mux, c, buffer);
   gst_buffer_unref(buffer);
   return result;
