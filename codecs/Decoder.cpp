@@ -6,6 +6,7 @@
 #include "G264Decoder.h"
 #include "G726Decoder.h"
 #include "H264Decoder.h"
+#include "H265Decoder.h"
 #include "JPEGDecoder.h"
 #include "LibavLog.h"
 
@@ -33,6 +34,8 @@ struct FactoryEntry {
 constexpr FactoryEntry FACTORY[] = {
     {true, DECODER_KEY_H264, Make<H264Decoder>},
     {true, DECODER_KEY_G264, Make<G264Decoder>},
+    {true, DECODER_KEY_H265, Make<H265Decoder>},
+    {true, DECODER_KEY_HEVC, Make<H265Decoder>},
     {true, DECODER_KEY_AVS0, Make<AVSDecoder>},
     {true, DECODER_KEY_JPEG, Make<JPEGDecoder>},
     {false, DECODER_KEY_G726, Make<G726Decoder>},

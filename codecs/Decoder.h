@@ -62,6 +62,8 @@ void ReleaseDecoder(Decoder* decoder);
 // Keys of the factory: the FourCC of a video header, read as a little-endian
 // number, and the audio key.
 constexpr uint32_t DECODER_KEY_H264 = FOURCC_H264;
+constexpr uint32_t DECODER_KEY_H265 = FOURCC_H265;
+constexpr uint32_t DECODER_KEY_HEVC = FOURCC_HEVC;  // the same member as H265
 constexpr uint32_t DECODER_KEY_G264 = FOURCC_G264;
 constexpr uint32_t DECODER_KEY_AVS0 = FOURCC_AVS0;
 constexpr uint32_t DECODER_KEY_JPEG = FOURCC_JPEG;

@@ -1,8 +1,9 @@
 // VideoEngine: one libavcodec video decoder that turns one payload into at
 // most one packed I420 picture of a fixed output size.
 //
-// It serves H264Decoder and G264Decoder inside the library and the AVS plugin
-// outside it, so it depends on libavcodec and libswscale only.
+// It serves the libavcodec members (LibavVideoDecoder) inside the library
+// and the AVS plugin outside it, so it depends on libavcodec and libswscale
+// only.
 //
 // The output size is fixed at Open: a stream of another coded size or another
 // pixel format is converted (libswscale) to it, so a returned picture always

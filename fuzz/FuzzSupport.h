@@ -49,7 +49,7 @@ inline std::string ScratchPath(const char* name) {
 
 // The codecs a live stream or a decoder target is fuzzed with, chosen by a
 // byte of the input.
-constexpr uint32_t VIDEO_FOURCCS[] = {FOURCC_H264, FOURCC_G264, FOURCC_JPEG, FOURCC_AVS0};
+constexpr uint32_t VIDEO_FOURCCS[] = {FOURCC_H264, FOURCC_G264, FOURCC_JPEG, FOURCC_AVS0, FOURCC_H265};
 inline uint32_t ChooseFourCC(uint8_t selector) {
   return VIDEO_FOURCCS[selector % (sizeof VIDEO_FOURCCS / sizeof VIDEO_FOURCCS[0])];
 }

@@ -1,5 +1,5 @@
 // Fuzzes each decoder on its own: byte 0 chooses the member (H.264, G264,
-// JPEG and AVS through their plugins, or G.726), byte 1 where the rest is cut
+// JPEG and AVS through their plugins, H.265, or G.726), byte 1 where the rest is cut
 // into payloads, which are decoded in order by one decoder. A picture must be
 // whole: every byte of it is read.
 #include <cstdint>
@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool quiet = (fuzzing::QuietLibrary(), true);
   (void)quiet;
   if (size < 2) return 0;
-  const bool audio = data[0] % 5 == 4;
+  const bool audio = data[0] % 6 == 5;  // after the five video members
   Decoder* decoder =
       audio ? CreateDecoder(false, DECODER_KEY_G726) : CreateDecoder(true, fuzzing::ChooseFourCC(data[0]));
   if (decoder == nullptr) return 0;

@@ -1,5 +1,5 @@
 // Fuzzes a live stream end to end with a real decoder: byte 0 chooses the
-// codec (H.264, G264, JPEG, AVS), byte 1 where the rest is cut into chunks.
+// codec (H.264, G264, JPEG, AVS, H.265), byte 1 where the rest is cut into chunks.
 // The stream plays into a callback that is slow now and then, and records,
 // so that the parser, the queues, the decoders under the fault guard, the
 // worker and the recorder all meet the input.

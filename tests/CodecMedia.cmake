@@ -25,6 +25,11 @@ codec_media(main_640x480.h264 yuv420p -f lavfi -i testsrc2=size=640x480:rate=25 
             -profile:v main ${X264_ARGS})
 codec_media(baseline_320x240.h264 yuv420p -f lavfi -i testsrc2=size=320x240:rate=25 -frames:v 30
             -profile:v baseline ${X264_ARGS})
+# H.265 by libx265 alike (CRA key frames after the first): 8-bit, copied and decoded in place; Main 10.
+set(X265_ARGS -frames:v 60 -c:v libx265 -bf 0 -g 25 -x265-params aud=1:repeat-headers=1:scenecut=0:log-level=error -f hevc)
+codec_media(hevc_352x288.h265 yuv420p -f lavfi -i testsrc2=size=352x288:rate=25 -pix_fmt yuv420p ${X265_ARGS})
+codec_media(hevc_640x480.h265 yuv420p -f lavfi -i testsrc2=size=640x480:rate=25 -pix_fmt yuv420p ${X265_ARGS})
+codec_media(hevc10_352x288.h265 yuv420p -f lavfi -i testsrc2=size=352x288:rate=25 -pix_fmt yuv420p10le ${X265_ARGS})
 # JPEG references keep the file's full range; an odd height is cut from an even one.
 foreach(format 420 422 444)
   codec_media(picture_${format}_176x144.jpg yuvj${format}p -f lavfi -i testsrc2=size=176x144

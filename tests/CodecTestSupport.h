@@ -12,12 +12,13 @@ inline std::string CodecMediaPath(const std::string& name) {
   return std::string(TQF_BINARY_DIR) + "/media/codecs/" + name;
 }
 
-// Splits an Annex B stream before each access unit delimiter (NAL type 9),
-// taking the zero byte of a four-byte start code along.
+// Splits an Annex B stream before each access unit delimiter (NAL header 0x09 of H.264,
+// 0x46 of H.265), taking the zero byte of a four-byte start code along.
 inline std::vector<std::vector<uint8_t>> SplitAccessUnits(const std::vector<uint8_t>& stream) {
   std::vector<size_t> starts;
   for (size_t i = 0; i + 3 < stream.size(); ++i)
-    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1 && (stream[i + 3] & 0x1F) == 9)
+    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1 &&
+        (stream[i + 3] == 0x09 || stream[i + 3] == 0x46))
       starts.push_back(i > 0 && stream[i - 1] == 0 ? i - 1 : i);
   std::vector<std::vector<uint8_t>> units;
   starts.push_back(stream.size());

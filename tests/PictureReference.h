@@ -24,6 +24,7 @@ struct PictureRun {
   int32_t width = 0, height = 0;  // from a Y4M file only
   std::vector<uint64_t> hashes;
   std::vector<uint8_t> first, last;  // whole pictures, from a play only
+  std::vector<uint8_t> pictures;     // all of them back to back, from a Y4M file only
   bool ended = false;
 };
 
@@ -83,6 +84,7 @@ inline PictureRun ReadY4M(const std::string& path) {
   for (p = line + 1; p < end;) {
     if (static_cast<size_t>(end - p) < 6 + frameSize || std::memcmp(p, "FRAME\n", 6) != 0) return run;
     run.hashes.push_back(HashBytes(p + 6, frameSize));
+    run.pictures.insert(run.pictures.end(), p + 6, p + 6 + frameSize);
     p += 6 + frameSize;
   }
   run.width = width, run.height = height;

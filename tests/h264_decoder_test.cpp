@@ -2,6 +2,8 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -14,26 +16,31 @@
 namespace {
 
 // A stream under media/codecs, cut into payloads, with the ffmpeg tool's
-// decode of it (every picture, packed I420).
+// decode of it (every picture, packed I420); its member's key, and how far a picture may differ.
 struct Media {
   int32_t width, height;
+  uint32_t key;
+  int tolerance;
   std::vector<std::vector<uint8_t>> units;
   std::vector<uint8_t> reference;
   size_t pictureSize = size_t(width) * height * 3 / 2;
 
-  Media(const std::string& stem, int32_t w, int32_t h)
-      : width(w), height(h), units(SplitAccessUnits(ReadWholeFile(CodecMediaPath(stem + ".h264")))),
-        reference(ReadWholeFile(CodecMediaPath(stem + ".yuv"))) {}
+  Media(const std::string& file, int32_t w, int32_t h, uint32_t k = DECODER_KEY_H264, int most = 0)
+      : width(w), height(h), key(k), tolerance(most), units(SplitAccessUnits(ReadWholeFile(CodecMediaPath(file)))),
+        reference(ReadWholeFile(CodecMediaPath(file.substr(0, file.rfind('.')) + ".yuv"))) {}
   const uint8_t* Reference(size_t i) const { return reference.data() + i * pictureSize; }
   uint8_t* Decode(Decoder* decoder, size_t i) const {
     return decoder->Decode(units[i].data(), int32_t(units[i].size()), nullptr);
   }
 };
 
-enum Stream { MAIN, BASELINE, IN_PLACE };
+enum Stream { MAIN, BASELINE, IN_PLACE, HEVC, HEVC_IN_PLACE, HEVC_MAIN10 };
 const Media& Get(Stream stream) {
+  // Main 10: libswscale's 10-to-8-bit rounding, set up apart in library and ffmpeg tool, may differ by one.
   static const Media media[] = {
-      {"main_352x288", 352, 288}, {"baseline_320x240", 320, 240}, {"main_640x480", 640, 480}};
+      {"main_352x288.h264", 352, 288}, {"baseline_320x240.h264", 320, 240}, {"main_640x480.h264", 640, 480},
+      {"hevc_352x288.h265", 352, 288, DECODER_KEY_H265}, {"hevc_640x480.h265", 640, 480, DECODER_KEY_HEVC},
+      {"hevc10_352x288.h265", 352, 288, DECODER_KEY_H265, 1}};
   return media[stream];
 }
 constexpr size_t KEY_INTERVAL = 25;
@@ -76,14 +83,14 @@ TEST(H264Decoder, UnusableSizesGiveNoPicture) {
 // watches), nor does a fault inside the decode, and decoding is exact again
 // from the next key frame on. libav's complaints reach the debug sink only.
 // 352x288 is copied out of libavcodec's frames, 640x480 decoded in place.
-class H264Exact : public testing::TestWithParam<Stream> {};
-INSTANTIATE_TEST_SUITE_P(Layouts, H264Exact, testing::Values(MAIN, IN_PLACE));
-TEST_P(H264Exact, ExactPicturesAndRecoveryAtTheKeyFrameAfterDamageAndFaults) {
+class LibavExact : public testing::TestWithParam<Stream> {};
+INSTANTIATE_TEST_SUITE_P(Layouts, LibavExact, testing::Values(MAIN, IN_PLACE, HEVC, HEVC_IN_PLACE, HEVC_MAIN10));
+TEST_P(LibavExact, ExactPicturesAndRecoveryAtTheKeyFrameAfterDamageAndFaults) {
   const Media& media = Get(GetParam());
   ASSERT_EQ(media.units.size() * media.pictureSize, media.reference.size());
   ASSERT_GT(media.units.size(), 2 * KEY_INTERVAL);
   DiagnosticsCapture capture;
-  Decoder* decoder = CreateDecoder(true, DECODER_KEY_H264);
+  Decoder* decoder = CreateDecoder(true, media.key);
   ASSERT_TRUE(decoder->Open(media.width, media.height));
   std::set<const uint8_t*> addresses;  // one buffer when copied, the decoder's frames in place
   auto exactFrom = [&](size_t first) {
@@ -93,12 +100,13 @@ TEST_P(H264Exact, ExactPicturesAndRecoveryAtTheKeyFrameAfterDamageAndFaults) {
       std::fill(block.begin(), block.end(), 0xA5);
       ASSERT_NE(picture, nullptr) << "payload " << i;
       EXPECT_EQ(decoder->Picture(), picture);
-      ASSERT_EQ(memcmp(picture, media.Reference(i), media.pictureSize), 0) << "picture " << i;
+      ASSERT_TRUE(std::equal(picture, picture + media.pictureSize, media.Reference(i),
+                             [&](int a, int b) { return std::abs(a - b) <= media.tolerance; })) << "picture " << i;
       addresses.insert(picture);
     }
   };
   exactFrom(0);
-  EXPECT_EQ(addresses.size() > 1, GetParam() == IN_PLACE);
+  EXPECT_EQ(addresses.size() > 1, media.width == 640);
   std::mt19937 random(20261122);
   std::vector<std::vector<uint8_t>> damaged = {{0, 0, 0, 1}};
   for (size_t i = 0; i < 12; ++i) {

@@ -5,6 +5,7 @@
 // tqfplay_tool_test.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include <tuple>
 #include <vector>
 
+#include "CodecTestSupport.h"
 #include "G726.h"
 #include "PictureReference.h"
 #include "TQFFormat.h"
@@ -104,6 +106,26 @@ TEST_F(PlayTest, StreamDeliversEveryFrameAndRecordsIt) {
     std::vector<uint64_t> expected = ReferenceFrom(static_cast<size_t>(recordedFrom));
     if (!expected.empty()) expected.pop_back();
     EXPECT_EQ(ReadY4M(replay).hashes, expected);
+  }
+}
+
+// Imported raw H.265 (Main 10 within h264_decoder_test's bound) plays as ffmpeg decodes it: from a file, a seek to
+// 1 s (a CRA), random chunks, the recording. At least: a file's last frame is not indexed, a run may end early.
+TEST_F(PlayTest, H265PlaysAsTheFfmpegToolDecodesIt) {
+  const size_t size = 352 * 288 * 3 / 2;
+  const std::string tqf = Quote(folder_.File("in.tqf")), rec = Quote(folder_.File("recorded.tqf"));
+  for (const auto& [stem, tolerance] : {std::pair<std::string, int>{"hevc_352x288", 0}, {"hevc10_352x288", 1}}) {
+    ASSERT_EQ(Tool("import -y " + Quote(CodecMediaPath(stem + ".h265")) + " " + tqf).exitCode, 0);
+    const std::vector<uint8_t> reference = ReadWholeFile(CodecMediaPath(stem + ".yuv"));
+    const std::tuple<std::string, size_t, size_t> runs[] = {{"play " + tqf, 0, 59}, {"play --start 1 " + tqf, 26, 33},
+        {"stream --random-chunks --seed 5 --record " + rec + " " + tqf, 0, 59}, {"play " + rec, 0, 58}};
+    for (const auto& [command, first, fewest] : runs) {
+      ASSERT_EQ(Tool(command + " -y --y4m " + Quote(folder_.File("out.y4m"))).exitCode, 0) << stem << command;
+      const std::vector<uint8_t> pictures = ReadY4M(folder_.File("out.y4m")).pictures;
+      ASSERT_TRUE(pictures.size() >= fewest * size && first * size + pictures.size() <= reference.size()) << command;
+      EXPECT_TRUE(std::equal(pictures.begin(), pictures.end(), reference.begin() + first * size,
+                             [&](int a, int b) { return std::abs(a - b) <= tolerance; })) << stem << command;
+    }
   }
 }
 
@@ -388,10 +410,15 @@ TEST_F(ExportTest, VideoGoesInAsItIsAndAudioAsTheG726ModuleDecodesIt) {
 
 // Imported content keeps its time through export: B-frames at 30 fps decode
 // frame for frame as the source does, for as long, without a warning.
-TEST_F(ExportTest, ImportedContentKeepsItsFramesAndRate) {
+using Codec = std::tuple<std::string, std::string, std::string>;  // H.264 and H.265: encoder, codec, MP4 tag
+class ExportCodecTest : public ExportTest, public testing::WithParamInterface<Codec> {};
+INSTANTIATE_TEST_SUITE_P(Codecs, ExportCodecTest, testing::Values(Codec{"libx264", "h264", "avc1"},
+                         Codec{"libx265 -x265-params log-level=error", "hevc", "hvc1"}));
+TEST_P(ExportCodecTest, ImportedContentKeepsItsFramesAndRate) {
+  const auto& [encoder, codec, tag] = GetParam();
   const std::string original = folder_.File("original.mp4"), tqf = folder_.File("imported.tqf");
-  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=320x240:rate=30 -bf 2 -t 2 -c:v libx264 -g 24 -pix_fmt yuv420p " +
-                     Quote(original)));
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=size=320x240:rate=30 -bf 2 -t 2 -c:v " + encoder +
+                     " -g 24 -pix_fmt yuv420p " + Quote(original)));
   // Import warns, one line each, of what a TQF player will make of them.
   RunResult imported = Tool("import -y " + Quote(original) + " " + Quote(tqf));
   ASSERT_EQ(imported.exitCode, 0) << imported.err;
@@ -405,6 +432,8 @@ TEST_F(ExportTest, ImportedContentKeepsItsFramesAndRate) {
     RunResult r = Tool("export -y " + Quote(tqf) + " " + Quote(out));
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_TRUE(Has(r.err, "timed by their stamps"));
+    EXPECT_EQ(Probe(out, "-select_streams v:0 -show_entries stream=codec_name,codec_tag_string"),
+              "codec_name=" + codec + "\ncodec_tag_string=" + (out.ends_with("mp4") ? tag : "[0][0][0][0]") + "\n");
     const RunResult decoded = FrameHashes(out);
     EXPECT_EQ(decoded.out, expected.out) << name;
     EXPECT_EQ(decoded.err, "") << name;

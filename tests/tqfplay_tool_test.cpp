@@ -56,6 +56,9 @@ TEST_F(ToolTest, ImportsVideoAndAudio) {
   ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc2=size=160x96:rate=25:duration=2 -f lavfi -i "
                      "sine=frequency=440:sample_rate=44100:duration=2 -c:v mjpeg -c:a pcm_s16le " +
                      Quote(mkv)));
+  const std::string mkv265 = folder_.File("in265.mkv");
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc2=size=320x240:rate=25:duration=1 -c:v libx265 -bf 0 -g 10 "
+                     "-x265-params scenecut=0:log-level=error -pix_fmt yuv420p " + Quote(mkv265)));
   const std::vector<std::string> h264 = {
       "record 0: type \"H264\", 40 bytes, 320x240",
       "stream 0 (video): 24 frames, 43863 payload bytes, stamps 0 to 920, 3 key frames, spacing 10 to "
@@ -68,6 +71,8 @@ TEST_F(ToolTest, ImportsVideoAndAudio) {
   const Case cases[] = {
       {Quote(mp4), "25 video frames (3 key frames), 0 audio frames\n", h264, "play: 24 pictures"},
       {Quote(raw), "25 video frames (3 key frames), 0 audio frames\n", h264, "play: 24 pictures"},
+      {Quote(mkv265), "25 video frames (3 key frames), 0 audio frames\n", {"compression \"H265\" (H.265)",
+       "stamps 0 to 920, 3 key frames, spacing 10 to 10 frames, at 0 10 20\n"}, "play: 24 pictures"},
       {"--audio " + Quote(mkv), "50 video frames (50 key frames), 25 audio frames\n",
        {"record 0: type \"JPEG\", 40 bytes, 160x96", "record 1: type 100, 18 bytes, G.726",
         "stream 1 (audio): 24 frames, 7680 payload bytes, stamps 0 to 1840\n"},

@@ -2,9 +2,10 @@
 //
 // Video: the frames' payloads become packets as they are, from the first key
 // frame on (nothing before it decodes), timed by VideoTimeline: from the
-// stamps when they are milliseconds, else 40 ms apart. H.264 goes in Annex B
-// form with the key frame's SPS and PPS as extradata, which both muxers turn
-// into their own form; Motion JPEG goes into Matroska only.
+// stamps when they are milliseconds, else 40 ms apart. H.264 and H.265 go in
+// Annex B form with the first key frame's parameter sets as extradata, which
+// both muxers turn into their own form (H.265 as hvc1 in MP4); Motion JPEG
+// goes into Matroska only.
 // Audio: stream 1's G.726 decoded by the library's module to 16-bit PCM at
 // 8 kHz mono, kept as PCM in Matroska and WAV and encoded to AAC
 // (libavcodec's native encoder) in MP4. With video, the audio starts with the
@@ -33,6 +34,7 @@ extern "C" {
 #include "MediaSource.h"
 #include "Options.h"
 #include "OutputFile.h"
+#include "VideoCodec.h"
 #include "VideoTimeline.h"
 
 namespace {
@@ -49,16 +51,17 @@ bool EndsWith(const std::string& text, const char* suffix) {
   return text.size() >= n && strcasecmp(text.c_str() + text.size() - n, suffix) == 0;
 }
 
-// The SPS and PPS of an H.264 key frame, which a muxer needs as extradata,
-// as libavcodec's extract_extradata filter finds them. Empty if none.
-std::vector<uint8_t> ParameterSets(const uint8_t* data, uint32_t length) {
+// The parameter sets of a key frame of `codec`, which a muxer needs as
+// extradata, as libavcodec's extract_extradata filter finds them. Empty if
+// none.
+std::vector<uint8_t> ParameterSets(AVCodecID codec, const uint8_t* data, uint32_t length) {
   const AVBitStreamFilter* filter = av_bsf_get_by_name("extract_extradata");
   AVBSFContext* raw = nullptr;
   if (filter == nullptr || av_bsf_alloc(filter, &raw) < 0) return {};
   BsfPtr bsf(raw);
   PacketPtr packet(av_packet_alloc());
   bsf->par_in->codec_type = AVMEDIA_TYPE_VIDEO;
-  bsf->par_in->codec_id = AV_CODEC_ID_H264;
+  bsf->par_in->codec_id = codec;
   if (!packet || av_bsf_init(bsf.get()) < 0 || av_new_packet(packet.get(), static_cast<int>(length)) < 0)
     return {};
   std::memcpy(packet->data, data, length);
@@ -124,12 +127,13 @@ class Exporter {
       return false;
     }
     const MediaDescriptor& video = source_.Video();
-    AVCodecID codec = AV_CODEC_ID_NONE;
-    if (video.compression == FOURCC_H264) codec = AV_CODEC_ID_H264;
-    if (video.compression == FOURCC_JPEG && !mp4_) codec = AV_CODEC_ID_MJPEG;
-    if (codec == AV_CODEC_ID_NONE) {
-      *error = video.compression == FOURCC_JPEG ? "Motion JPEG goes into .mkv only"
-                                                : "only H.264 and Motion JPEG video can be exported";
+    codec_ = FindVideoCodec(video.compression);
+    if (codec_ == nullptr) {
+      *error = "only " + VideoCodecNames() + " video can be exported";
+      return false;
+    }
+    if (mp4_ && codec_->mp4Tag == 0) {
+      *error = std::string(codec_->name) + " goes into .mkv only";
       return false;
     }
     while (firstFrame_ < source_.VideoFrames() && !IsKey(firstFrame_)) ++firstFrame_;
@@ -141,10 +145,11 @@ class Exporter {
     if (videoStream_ == nullptr) return Fail(error, "video stream", AVERROR(ENOMEM));
     AVCodecParameters* p = videoStream_->codecpar;
     p->codec_type = AVMEDIA_TYPE_VIDEO;
-    p->codec_id = codec;
+    p->codec_id = codec_->id;
+    p->codec_tag = mp4_ ? codec_->mp4Tag : 0;
     p->width = video.width;
     p->height = video.height;
-    p->format = codec == AV_CODEC_ID_H264 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUVJ422P;
+    p->format = codec_->format;
     videoStream_->time_base = VIDEO_TIME_BASE;
     std::vector<uint32_t> stamps;
     for (uint32_t frame = firstFrame_; frame < source_.VideoFrames(); ++frame)
@@ -152,7 +157,7 @@ class Exporter {
     timeline_.emplace(stamps, firstFrame_);
     av_reduce(&videoStream_->avg_frame_rate.num, &videoStream_->avg_frame_rate.den,
               timeline_->RateNumerator(), timeline_->RateDenominator(), INT32_MAX);
-    return codec != AV_CODEC_ID_H264 || SetParameterSets(p, error);
+    return codec_->parameterSets == nullptr || SetParameterSets(p, error);
   }
 
   bool IsKey(uint32_t frame) {
@@ -167,9 +172,9 @@ class Exporter {
     uint32_t length;
     bool key;
     source_.ReadVideo(firstFrame_, &payload, &length, &key);
-    std::vector<uint8_t> sets = ParameterSets(payload, length);
+    std::vector<uint8_t> sets = ParameterSets(codec_->id, payload, length);
     if (sets.empty()) {
-      *error = "the first H.264 key frame carries no SPS and PPS";
+      *error = std::string("the first ") + codec_->name + " key frame carries no " + codec_->parameterSets;
       return false;
     }
     p->extradata = static_cast<uint8_t*>(av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
@@ -365,6 +370,7 @@ class Exporter {
   ExportFormat format_;
   bool mp4_;
   bool created_ = false;
+  const VideoCodec* codec_ = nullptr;  // set by AddVideo
   std::unique_ptr<AVFormatContext, FormatContextFree> muxer_;
   CodecContextPtr aac_;
   PacketPtr packet_;
@@ -421,10 +427,10 @@ bool ExportMedia(MediaSource& source, const char* path, std::initializer_list<co
 extern const Command EXPORT_COMMAND = {
     NAME, "remux to MP4 or MKV, the audio decoded (AAC or PCM)",
     "export FILE OUT.mp4|OUT.mkv",
-    "Copies the video without re-encoding (H.264 into MP4 or MKV, Motion JPEG into\n"
-    "MKV) from the first key frame on, and decodes the G.726 audio with the\n"
-    "library's decoder: AAC in MP4, 16-bit PCM in MKV. Any player opens and seeks\n"
-    "the result.\n"
+    "Copies the video without re-encoding (H.264 and H.265 into MP4 or MKV, H.265\n"
+    "as hvc1 in MP4; Motion JPEG into MKV) from the first key frame on, and decodes\n"
+    "the G.726 audio with the library's decoder: AAC in MP4, 16-bit PCM in MKV.\n"
+    "Any player opens and seeks the result.\n"
     "\n"
     "Frames are timed by their stamps when those are milliseconds, as import\n"
     "writes them (B-frames and other frame rates keep their order and rate);\n"

@@ -1,9 +1,10 @@
-// tqfplay import: reads H.264 or Motion JPEG video (and optionally the first
-// audio track) with libavformat and writes a TQF file. Video packets become
-// stream-0 frames as they are, H.264 in Annex B form (MP4-style streams pass
-// through the h264_mp4toannexb filter). Audio is decoded, resampled to 8 kHz
-// mono and encoded with libavcodec's g726le encoder at 32 kbit/s, then cut
-// into stream-1 frames of 320 bytes (80 ms).
+// tqfplay import: reads H.264, H.265 or Motion JPEG video (and optionally
+// the first audio track) with libavformat and writes a TQF file. Video
+// packets become stream-0 frames as they are, H.264 and H.265 in Annex B form
+// (MP4-style streams pass through the h264_ or hevc_mp4toannexb filter, which
+// also puts the parameter sets before each key frame). Audio is decoded,
+// resampled to 8 kHz mono and encoded with libavcodec's g726le encoder at 32
+// kbit/s, then cut into stream-1 frames of 320 bytes (80 ms).
 #include "ImportCommand.h"
 
 #include <algorithm>
@@ -30,6 +31,7 @@ extern "C" {
 #include "OutputFile.h"
 #include "TQFFormat.h"
 #include "TQFWriter.h"
+#include "VideoCodec.h"
 
 namespace {
 
@@ -52,7 +54,7 @@ struct ImportContext {
 
   InputPtr format;
   int videoStream = -1;
-  uint32_t fourcc = 0;
+  const VideoCodec* codec = nullptr;
   BsfPtr annexB;  // null when the packets are Annex B already
   uint32_t lastVideoStamp = 0;
   bool warnedOfReordering = false;
@@ -118,20 +120,18 @@ bool OpenVideo(ImportContext& c) {
     return StepFailed(NAME, "%s: no video track", c.inputPath);
   }
   const AVCodecParameters* parameters = c.format->streams[c.videoStream]->codecpar;
-  if (parameters->codec_id == AV_CODEC_ID_H264) {
-    c.fourcc = FOURCC_H264;
-  } else if (parameters->codec_id == AV_CODEC_ID_MJPEG) {
-    c.fourcc = FOURCC_JPEG;
-  } else {
-    return StepFailed(NAME, "%s: unsupported video codec '%s' (H.264 or Motion JPEG only)",
-                 c.inputPath, avcodec_get_name(parameters->codec_id));
+  c.codec = FindVideoCodecById(parameters->codec_id);
+  if (c.codec == nullptr) {
+    return StepFailed(NAME, "%s: unsupported video codec '%s' (%s only)", c.inputPath,
+                      avcodec_get_name(parameters->codec_id), VideoCodecNames().c_str());
   }
   WarnOfFrameRate(c);
-  // avcC extradata (its first byte is 1) marks the length-prefixed MP4 form.
-  bool lengthPrefixed = c.fourcc == FOURCC_H264 && parameters->extradata_size > 0 &&
+  // avcC and hvcC extradata (configuration version 1) mark the
+  // length-prefixed MP4 form; Annex B extradata begins with a start code.
+  bool lengthPrefixed = c.codec->annexBFilter != nullptr && parameters->extradata_size > 0 &&
                         parameters->extradata[0] == 1;
   if (!lengthPrefixed) return true;
-  const AVBitStreamFilter* filter = av_bsf_get_by_name("h264_mp4toannexb");
+  const AVBitStreamFilter* filter = av_bsf_get_by_name(c.codec->annexBFilter);
   AVBSFContext* annexB = nullptr;
   int result = filter == nullptr ? AVERROR_BSF_NOT_FOUND : av_bsf_alloc(filter, &annexB);
   c.annexB.reset(annexB);
@@ -141,7 +141,7 @@ bool OpenVideo(ImportContext& c) {
     result = av_bsf_init(c.annexB.get());
   }
   if (result < 0) {
-    return StepFailed(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
+    return StepFailed(NAME, "%s: %s", c.codec->annexBFilter, AvError(result).c_str());
   }
   return true;
 }
@@ -178,7 +178,7 @@ bool ImportVideo(ImportContext& c, AVPacket* packet) {
     av_packet_unref(c.filtered.get());
     if (!written) return false;
   }
-  return StepFailed(NAME, "h264_mp4toannexb: %s", AvError(result).c_str());
+  return StepFailed(NAME, "%s: %s", c.codec->annexBFilter, AvError(result).c_str());
 }
 
 // ---- audio ------------------------------------------------------------------
@@ -335,11 +335,11 @@ bool CreateOutput(ImportContext& c) {
     return StepFailed(NAME, "%s: cannot create: %s", c.outputPath, std::strerror(errno));
   }
   const AVCodecParameters* video = c.format->streams[c.videoStream]->codecpar;
-  const MediaDescriptor descriptor = MakeMediaDescriptor(c.fourcc, video->width, video->height);
+  const MediaDescriptor descriptor = MakeMediaDescriptor(c.codec->fourcc, video->width, video->height);
   if (!IsPlayablePictureSize(video->width, video->height))
     std::fprintf(stderr, "tqfplay import: warning: %dx%d is a picture size players refuse "
                  "(width a multiple of 16, even height)\n", video->width, video->height);
-  bool added = c.writer.AddRecord(c.fourcc, &descriptor, sizeof descriptor) == 0;
+  bool added = c.writer.AddRecord(c.codec->fourcc, &descriptor, sizeof descriptor) == 0;
   if (added && c.withAudio) {
     added = c.writer.AddRecord(G726_RECORD_TYPE, &G726_WAVE_FORMAT, sizeof G726_WAVE_FORMAT) == 1;
   }
@@ -395,12 +395,13 @@ int RunImport(int argc, char** argv) {
 
 const Command IMPORT_COMMAND = {
     "import",
-    "write the H.264 or Motion JPEG video of a media file as TQF",
+    "write the H.264, H.265 or Motion JPEG video of a media file as TQF",
     "import INPUT OUTPUT.tqf|- [--audio]",
-    "Reads INPUT (raw H.264, MP4, MKV, AVI, ... with H.264 or Motion JPEG video)\n"
-    "and writes OUTPUT.tqf: a 40-byte video record (FourCC \"H264\" or \"JPEG\") and\n"
-    "one stream-0 frame per video packet, H.264 in Annex B form, the key flag from\n"
-    "the packet, the stamp from the packet time in milliseconds.\n"
+    "Reads INPUT (raw .h264 or .h265/.hevc, MP4, MKV, AVI, ... with H.264, H.265\n"
+    "or Motion JPEG video) and writes OUTPUT.tqf: a 40-byte video record (FourCC\n"
+    "\"H264\", \"H265\" or \"JPEG\") and one stream-0 frame per video packet, H.264\n"
+    "and H.265 in Annex B form, the key flag from the packet, the stamp from the\n"
+    "packet time in milliseconds.\n"
     "\n"
     "  --audio  also encode the first audio track as G.726 at 32 kbit/s, 8 kHz\n"
     "           mono: stream-1 frames of 320 bytes (80 ms), after a second record\n"

@@ -19,6 +19,7 @@
 #include "Options.h"
 #include "TQFFormat.h"
 #include "TQFReader.h"
+#include "VideoCodec.h"
 
 namespace {
 
@@ -175,9 +176,11 @@ void PrintText(const FileInfo& info) {
                 IsFourCCRecordType(r.type) ? ("\"" + FourCCText(r.type) + "\"").c_str()
                                            : std::to_string(r.type).c_str(),
                 r.length);
+    const VideoCodec* codec = r.hasPicture ? FindVideoCodec(r.descriptor.compression) : nullptr;
     if (r.hasPicture)
-      std::printf(", %" PRId32 "x%" PRId32 ", compression \"%s\"%s", r.descriptor.width,
+      std::printf(", %" PRId32 "x%" PRId32 ", compression \"%s\"%s%s", r.descriptor.width,
                   r.descriptor.height, FourCCText(r.descriptor.compression).c_str(),
+                  codec != nullptr ? (std::string(" (") + codec->name + ")").c_str() : "",
                   IsPlayablePictureSize(r.descriptor.width, r.descriptor.height)
                       ? ""
                       : " (a size players refuse)");
@@ -236,6 +239,8 @@ void PrintJson(const FileInfo& info) {
       std::printf(",\"width\":%" PRId32 ",\"height\":%" PRId32 ",\"compression\":%s",
                   r.descriptor.width, r.descriptor.height,
                   JsonString(FourCCText(r.descriptor.compression).c_str()).c_str());
+    const VideoCodec* codec = r.hasPicture ? FindVideoCodec(r.descriptor.compression) : nullptr;
+    if (codec != nullptr) std::printf(",\"codec\":%s", JsonString(codec->name).c_str());
     if (r.type == G726_RECORD_TYPE)
       std::printf(",\"codec\":\"G.726\",\"sampleRate\":%d,\"bitRate\":32000", G726_SAMPLE_RATE);
     std::printf("}");
@@ -296,10 +301,10 @@ const Command INFO_COMMAND = {
     "info",
     "show the header, records, frames and damage of a TQF file",
     "info FILE [--json]",
-    "Shows the header and records of a TQF file (types, FourCC, picture size),\n"
-    "the frames of each stream as the player indexes them, the key frames (by\n"
-    "their number in the stream) and their spacing, the duration at 40 ms a\n"
-    "video frame, and the bytes skipped as damage.\n"
+    "Shows the header and records of a TQF file (types, FourCC and the codec it\n"
+    "names, picture size), the frames of each stream as the player indexes them,\n"
+    "the key frames (by their number in the stream) and their spacing, the\n"
+    "duration at 40 ms a video frame, and the bytes skipped as damage.\n"
     "\n"
     "  --json   print one JSON object instead of text\n",
     RunInfo,

@@ -25,7 +25,7 @@ namespace {
 
 constexpr const char NAME[] = "stream";
 constexpr uint32_t DEFAULT_TIMEOUT_SECONDS = 10;
-// The most pictures an H.264 decoder holds back to put them in display order.
+// The most pictures an H.264 or H.265 decoder holds back to put them in display order.
 constexpr uint32_t MAX_REORDER_HELD_PICTURES = 16;
 
 struct StreamOptions {

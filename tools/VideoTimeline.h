@@ -8,7 +8,7 @@
 // B-frame content then keeps its order and its rate (30 fps stays 30 fps).
 // Stamps count as milliseconds when they are distinct, 5 to 1000 ms apart on
 // average (200 to 1 frames a second), and each is within 16 places of its
-// rank (the most an H.264 decoder reorders). Other stamps (frame numbers, a
+// rank (the most an H.264 or H.265 decoder reorders). Other stamps (frame numbers, a
 // camera's own clock) give 40 ms a frame in file order, the format's rule.
 #pragma once
 
