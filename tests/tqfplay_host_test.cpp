@@ -23,6 +23,11 @@ TEST_F(HostTest, InstallsAndHostsBuildAgainstTheInstalledLibrary) {
   // Each plugin that was built lies beside the installed library.
   for (const std::string plugin : {"libavsdec.so", "libjpgdec.so"})
     EXPECT_EQ(installed("lib/" + plugin), !ReadWholeFile(TQF_BINARY_DIR "/" + plugin).empty()) << plugin;
+  // GStreamer finds the installed plugin where the README says.
+  if (!ReadWholeFile(TQF_BINARY_DIR "/gstreamer-1.0/libgsttqf.so").empty()) {
+    const std::string plugins = prefix + "/lib/gstreamer-1.0";
+    EXPECT_TRUE(Has(Shell("GST_PLUGIN_PATH=" + Quote(plugins) + " gst-inspect-1.0 tqfdemux").out, plugins + "/libgsttqf.so"));
+  }
   // The installed tool runs on the installed library.
   const std::string tool = Quote(prefix + "/bin/tqfplay");
   EXPECT_TRUE(Has(Shell("ldd " + tool).out, prefix + "/bin/../lib/libTQFPlay.so"));
