@@ -19,10 +19,12 @@ GST_DEBUG_CATEGORY_STATIC(tqf_demux_debug);
 namespace {
 
 // A file is indexed a window at a time; most frame heads of a window lie in it.
-constexpr uint64_t INDEX_WINDOW_BYTES = 8192;
+constexpr uint64_t INDEX_WINDOW_BYTES = 2048;
 // The header block of any TQF file fits here: 16 records of at most 64 KiB.
 constexpr uint64_t HEADER_BLOCK_LIMIT =
     TQF_FILE_HEADER_SIZE + TQF_READER_MAX_RECORDS * (TQF_RECORD_HEAD_SIZE + TQF_STREAM_MAX_RECORD_PAYLOAD);
+// A file is read this much at a time, or a frame's payload when longer.
+constexpr uint64_t READ_CHUNK_BYTES = 1048576;
 // Live bytes not yet parsed, at most: the stream player's parse buffer.
 constexpr size_t LIVE_PENDING_LIMIT = 4194304;
 constexpr GstClockTime FRAME_DURATION = TQF_FRAME_DURATION_MS * GST_MSECOND;
@@ -78,6 +80,9 @@ struct DemuxContext {
   std::vector<IndexedFrame> frames;
   std::vector<size_t> videoFrames;
   size_t next = 0;
+  uint64_t fileSize = 0;
+  GstBuffer* chunk = nullptr;  // the part of the file read last
+  uint64_t chunkOffset = 0;
   GstClockTime duration = GST_CLOCK_TIME_NONE;
   int rateNumerator = TQF_FRAMES_PER_SECOND;
   int rateDenominator = 1;
@@ -95,8 +100,8 @@ struct DemuxContext {
 
   // Pushing.
   void SendPendingSegment();
-  GstFlowReturn Push(uint32_t stream, const uint8_t* payload, uint32_t length, bool key,
-                     GstClockTime pts, GstClockTime dts, GstClockTime duration);
+  GstFlowReturn PushVideo(GstBuffer* buffer, bool key, GstClockTime pts, GstClockTime dts,
+                          GstClockTime duration);
   GstFlowReturn PushAudio(const uint8_t* payload, uint32_t length, GstClockTime pts);
   void PushToSources(GstEvent* event);
 
@@ -108,9 +113,12 @@ struct DemuxContext {
 
   // File.
   GstFlowReturn OpenFile();
-  GstFlowReturn IndexFile(uint64_t recordsEnd, uint64_t fileSize, std::vector<ScannedFrame>* scanned);
+  GstFlowReturn IndexFile(uint64_t recordsEnd, std::vector<ScannedFrame>* scanned);
+  bool IndexMappedFile(std::vector<ScannedFrame>* scanned);
   void TimeFrames(const std::vector<ScannedFrame>& scanned);
   GstFlowReturn PushNextFrame();
+  GstBuffer* ReadPayload(uint64_t offset, uint32_t length, GstFlowReturn* result);
+  void DropChunk();
   void Loop();
   void PauseTask(GstFlowReturn result);
   bool Seek(GstEvent* event);
@@ -162,6 +170,8 @@ void DemuxContext::Reset() {
   frames.clear();
   videoFrames.clear();
   next = 0;
+  fileSize = 0;
+  DropChunk();
   duration = GST_CLOCK_TIME_NONE;
   rateNumerator = TQF_FRAMES_PER_SECOND;
   rateDenominator = 1;
@@ -232,12 +242,14 @@ void DemuxContext::SendPendingSegment() {
   PushToSources(event);
 }
 
-GstFlowReturn DemuxContext::Push(uint32_t stream, const uint8_t* payload, uint32_t length, bool key,
-                                 GstClockTime pts, GstClockTime dts, GstClockTime frameDuration) {
-  if (stream == TQF_STREAM_AUDIO) return PushAudio(payload, length, pts);
-  if (videoPad == nullptr) return GST_FLOW_OK;
+// Takes `buffer`, the frame's payload.
+GstFlowReturn DemuxContext::PushVideo(GstBuffer* buffer, bool key, GstClockTime pts, GstClockTime dts,
+                                      GstClockTime frameDuration) {
+  if (videoPad == nullptr) {
+    gst_buffer_unref(buffer);
+    return GST_FLOW_OK;
+  }
   SendPendingSegment();
-  GstBuffer* buffer = gst_buffer_new_memdup(payload, length);
   GST_BUFFER_PTS(buffer) = pts;
   GST_BUFFER_DTS(buffer) = dts;
   GST_BUFFER_DURATION(buffer) = frameDuration;
@@ -334,7 +346,7 @@ GstFlowReturn DemuxContext::DispatchLive(uint32_t info, const uint8_t* payload) 
     return PushAudio(payload, length, pts);
   }
   const GstClockTime pts = liveVideoFrames++ * FRAME_DURATION;
-  return Push(stream, payload, length, IsKeyFrameInfo(info), pts, pts, FRAME_DURATION);
+  return PushVideo(gst_buffer_new_memdup(payload, length), IsKeyFrameInfo(info), pts, pts, FRAME_DURATION);
 }
 
 // ---- File ------------------------------------------------------------------
@@ -351,11 +363,12 @@ GstBuffer* PullRange(GstPad* sinkpad, uint64_t offset, uint64_t length, GstFlowR
 }  // namespace
 
 GstFlowReturn DemuxContext::OpenFile() {
-  gint64 fileSize = 0;
-  if (!gst_pad_peer_query_duration(sinkpad, GST_FORMAT_BYTES, &fileSize) || fileSize <= 0)
+  gint64 size = 0;
+  if (!gst_pad_peer_query_duration(sinkpad, GST_FORMAT_BYTES, &size) || size <= 0)
     return Fail("the size of the TQF file is unknown");
+  fileSize = static_cast<uint64_t>(size);
   GstFlowReturn result;
-  GstBuffer* head = PullRange(sinkpad, 0, std::min<uint64_t>(fileSize, HEADER_BLOCK_LIMIT), &result);
+  GstBuffer* head = PullRange(sinkpad, 0, std::min(fileSize, HEADER_BLOCK_LIMIT), &result);
   if (head == nullptr) return result;
   GstMapInfo map;
   gst_buffer_map(head, &map, GST_MAP_READ);
@@ -365,7 +378,7 @@ GstFlowReturn DemuxContext::OpenFile() {
   if (!isTQF || recordsEnd == 0) {
     result = Fail("not a TQF file: no usable header block");
   } else {
-    result = IndexFile(recordsEnd, static_cast<uint64_t>(fileSize), &scanned);
+    result = IndexFile(recordsEnd, &scanned);
     if (result == GST_FLOW_OK) {
       TimeFrames(scanned);
       if (!MakePads(map.data, recordsEnd)) result = Fail("the TQF file carries nothing this demuxer plays");
@@ -376,31 +389,62 @@ GstFlowReturn DemuxContext::OpenFile() {
   return result;
 }
 
-// The file reader's walk, a window at a time: the same frames, the same numbers.
-GstFlowReturn DemuxContext::IndexFile(uint64_t recordsEnd, uint64_t fileSize,
-                                      std::vector<ScannedFrame>* scanned) {
-  auto keep = [](const ScannedFrame& frame, void* context) {
-    if (FrameStreamNumber(frame.entry.info) <= TQF_STREAM_AUDIO)
-      static_cast<std::vector<ScannedFrame>*>(context)->push_back(frame);
-    return true;
-  };
+namespace {
+
+bool KeepFrame(const ScannedFrame& frame, void* context) {
+  if (FrameStreamNumber(frame.entry.info) <= TQF_STREAM_AUDIO)
+    static_cast<std::vector<ScannedFrame>*>(context)->push_back(frame);
+  return true;
+}
+
+}  // namespace
+
+// The file reader's walk: the same frames, the same numbers. When upstream
+// reads a local file of the size it gives, the walk runs over a mapping of
+// it, as the library's reader does, and touches only the frame heads;
+// otherwise it pulls a window at each frame head.
+GstFlowReturn DemuxContext::IndexFile(uint64_t recordsEnd, std::vector<ScannedFrame>* scanned) {
+  if (IndexMappedFile(scanned)) {
+    GST_DEBUG_OBJECT(element, "indexed %zu frames through a mapping", scanned->size());
+    return GST_FLOW_OK;
+  }
+  scanned->clear();
+  // One buffer serves every window: the source fills it in place.
+  GstBuffer* window = gst_buffer_new_allocate(nullptr, INDEX_WINDOW_BYTES, nullptr);
+  GstFlowReturn result = GST_FLOW_OK;
   FrameWalk walk{recordsEnd, false};
-  while (!walk.finished) {
-    GstFlowReturn result;
-    GstBuffer* window = PullRange(sinkpad, walk.position,
-                                  std::min(INDEX_WINDOW_BYTES, fileSize - walk.position), &result);
-    if (window == nullptr) return result;
+  while (!walk.finished && result == GST_FLOW_OK) {
+    const uint64_t before = walk.position;
+    gst_buffer_set_size(window, static_cast<gssize>(std::min(INDEX_WINDOW_BYTES, fileSize - before)));
+    result = gst_pad_pull_range(sinkpad, before, static_cast<guint>(gst_buffer_get_size(window)), &window);
+    if (result != GST_FLOW_OK) break;
     GstMapInfo map;
     gst_buffer_map(window, &map, GST_MAP_READ);
-    const uint64_t before = walk.position;
-    walk = TQFReader::WalkWindow(map.data, walk.position, map.size, fileSize, walk.position, keep,
-                                 scanned, nullptr);
+    walk = TQFReader::WalkWindow(map.data, before, map.size, fileSize, before, KeepFrame, scanned, nullptr);
     gst_buffer_unmap(window, &map);
-    gst_buffer_unref(window);
     // A source that gives less than asked near the end is a file that ended.
     if (!walk.finished && walk.position == before) break;
   }
-  return GST_FLOW_OK;
+  gst_buffer_unref(window);
+  GST_DEBUG_OBJECT(element, "indexed %zu frames by pulling", scanned->size());
+  return result;
+}
+
+bool DemuxContext::IndexMappedFile(std::vector<ScannedFrame>* scanned) {
+  GstQuery* query = gst_query_new_uri();
+  gchar* uri = nullptr;
+  if (gst_pad_peer_query(sinkpad, query)) gst_query_parse_uri(query, &uri);
+  gst_query_unref(query);
+  gchar* path = uri != nullptr ? g_filename_from_uri(uri, nullptr, nullptr) : nullptr;
+  g_free(uri);
+  MappedFile file;
+  const bool mapped = path != nullptr &&
+                      file.Open(path, MAPPED_READ, /*offset=*/0, MAPPED_WHOLE_FILE, MAPPED_PRIVATE,
+                                /*mappingName=*/nullptr, /*readOnly=*/0) &&
+                      file.view != nullptr && file.fileSize == fileSize;
+  g_free(path);
+  return mapped && TQFReader::ScanFrames(static_cast<const uint8_t*>(file.view), file.fileSize, KeepFrame,
+                                         scanned, nullptr);
 }
 
 // Times every frame: the video by the export's timeline (stamps when they are
@@ -469,18 +513,38 @@ GstFlowReturn DemuxContext::PushNextFrame() {
   const uint32_t length = FramePayloadLength(frame.info);
   if (length == 0) return GST_FLOW_OK;
   GstFlowReturn result;
-  GstBuffer* payload = PullRange(sinkpad, frame.payloadOffset, length, &result);
+  GstBuffer* payload = ReadPayload(frame.payloadOffset, length, &result);
   if (payload == nullptr) return result;
+  if (stream == TQF_STREAM_VIDEO)
+    return PushVideo(payload, IsKeyFrameInfo(frame.info), frame.pts, frame.dts, frame.duration);
   GstMapInfo map;
   gst_buffer_map(payload, &map, GST_MAP_READ);
-  if (map.size == length)
-    result = Push(stream, map.data, length, IsKeyFrameInfo(frame.info), frame.pts, frame.dts,
-                  frame.duration);
-  else
-    result = GST_FLOW_EOS;  // the file was cut short under the payload
+  result = PushAudio(map.data, length, frame.pts);
   gst_buffer_unmap(payload, &map);
   gst_buffer_unref(payload);
   return result;
+}
+
+// The file is read a chunk at a time; the payloads inside a chunk leave as
+// buffers that share its memory.
+GstBuffer* DemuxContext::ReadPayload(uint64_t offset, uint32_t length, GstFlowReturn* result) {
+  if (chunk == nullptr || offset < chunkOffset || offset + length > chunkOffset + gst_buffer_get_size(chunk)) {
+    DropChunk();
+    const uint64_t wanted = std::min(std::max<uint64_t>(length, READ_CHUNK_BYTES), fileSize - offset);
+    chunk = PullRange(sinkpad, offset, wanted, result);
+    if (chunk == nullptr) return nullptr;
+    chunkOffset = offset;
+    if (gst_buffer_get_size(chunk) < length) {
+      *result = GST_FLOW_EOS;  // the file was cut short under the payload
+      return nullptr;
+    }
+  }
+  return gst_buffer_copy_region(chunk, GST_BUFFER_COPY_MEMORY, offset - chunkOffset, length);
+}
+
+void DemuxContext::DropChunk() {
+  if (chunk != nullptr) gst_buffer_unref(chunk);
+  chunk = nullptr;
 }
 
 void DemuxContext::Loop() {
@@ -537,6 +601,7 @@ bool DemuxContext::Seek(GstEvent* event) {
     done = gst_segment_do_seek(&seeking, rate, format, flags, startType, start, stopType, stop, &update);
     if (done) {
       next = FirstFrameAt(seeking.position);
+      DropChunk();
       const GstClockTime keyTime = frames[next].pts;
       // An accurate seek keeps the target as the start; the frames from the
       // key frame up to it are decoded and clipped downstream.
