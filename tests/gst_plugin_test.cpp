@@ -209,7 +209,7 @@ class GstPlugin : public ::testing::Test {
   TempFolder folder_;
 };
 
-TEST_F(GstPlugin, ElementsInspectCleanly) {
+TEST_F(GstPlugin, ElementsInspectCleanlyAndGstPlayPlaysTQF) {
   for (const char* element : {"tqfdemux", "tqfmux"}) {
     const RunResult r = RunShell(folder_, std::string("gst-inspect-1.0 ") + element);
     EXPECT_EQ(r.exitCode, 0) << element << r.err;
@@ -219,6 +219,12 @@ TEST_F(GstPlugin, ElementsInspectCleanly) {
   EXPECT_EQ(all.exitCode, 0);
   EXPECT_TRUE(Has(all.out, "tqfdemux:   Klass                    Codec/Demuxer"));
   EXPECT_EQ(all.err, "");
+  // gst-play finds the sample's format and length, and plays it to the end.
+  const RunResult play = RunShell(folder_, "gst-play-1.0 --videosink='fakesink sync=false' "
+                                           "--audiosink='fakesink sync=false' " + Quote(DEMO));
+  EXPECT_EQ(play.exitCode, 0) << play.err;
+  EXPECT_TRUE(Has(play.out, "0:00:10.0 / 0:00:10.0"));
+  EXPECT_TRUE(Has(play.out, "Reached end of play list."));
 }
 
 // Pulled from a file, and found by playbin through the typefinder, the

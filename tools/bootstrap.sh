@@ -13,7 +13,7 @@ packages=(
   ffmpeg xvfb xdotool
   python3 python3-numpy python3-pytest python3-matplotlib python3-setuptools python3-pip
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
-  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav python3-gi gir1.2-gst-rtsp-server-1.0
 )
 
