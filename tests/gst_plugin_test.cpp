@@ -330,41 +330,52 @@ TEST_F(GstPlugin, LiveBytesInRandomPiecesWithGarbageGiveTheSamePictures) {
   EXPECT_EQ(pictures.hashes, LibraryPictures());
 }
 
-// What tqfmux writes is a TQF file: the tool reads it, the library plays it,
-// and the demuxer gives back the encoder's access units byte for byte.
+// What tqfmux writes (H.264 or H.265, with sound) is a TQF file: the tool
+// reads it, the library plays it, and the demuxer gives back the encoder's
+// access units byte for byte.
 TEST_F(GstPlugin, MuxedFilesRoundTripThroughTheDemuxerAndPlayInTheLibrary) {
-  const std::string out = folder_.File("muxed.tqf");
-  Pipeline mux("videotestsrc num-buffers=50 ! video/x-raw,format=I420,width=320,height=240,framerate=25/1 ! "
-               "x264enc key-int-max=20 bframes=0 speed-preset=ultrafast ! h264parse ! "
-               "video/x-h264,stream-format=byte-stream,alignment=au ! tee name=t ! queue ! "
-               "tqfmux name=m ! filesink location=" + Path(out) +
-               " t. ! queue ! appsink name=encoded sync=false "
-               "audiotestsrc num-buffers=30 samplesperbuffer=640 ! audio/x-raw,rate=8000,channels=1 ! m.audio");
-  const Captured& encoded = mux.Capture("encoded", /*keepBytes=*/true);
-  ASSERT_TRUE(mux.Run());
-  ASSERT_EQ(encoded.bytes.size(), 50u);
+  const struct {
+    const char* encoder;
+    const char* fourcc;
+  } codecs[] = {
+      {"x264enc key-int-max=20 bframes=0 speed-preset=ultrafast ! h264parse ! "
+       "video/x-h264,stream-format=byte-stream,alignment=au", "H264"},
+      {"x265enc key-int-max=20 speed-preset=ultrafast option-string=bframes=0 ! h265parse ! "
+       "video/x-h265,stream-format=byte-stream,alignment=au", "H265"},
+  };
+  for (const auto& codec : codecs) {
+    SCOPED_TRACE(codec.fourcc);
+    const std::string out = folder_.File(std::string(codec.fourcc) + ".tqf");
+    Pipeline mux("videotestsrc num-buffers=50 ! video/x-raw,format=I420,width=320,height=240,framerate=25/1 ! " +
+                 std::string(codec.encoder) + " ! tee name=t ! queue ! tqfmux name=m ! filesink location=" +
+                 Path(out) + " t. ! queue ! appsink name=encoded sync=false "
+                 "audiotestsrc num-buffers=30 samplesperbuffer=640 ! audio/x-raw,rate=8000,channels=1 ! m.audio");
+    const Captured& encoded = mux.Capture("encoded", /*keepBytes=*/true);
+    ASSERT_TRUE(mux.Run());
+    ASSERT_EQ(encoded.bytes.size(), 50u);
 
-  const RunResult info = RunShell(folder_, TOOL + " info " + Quote(out));
-  EXPECT_EQ(info.exitCode, 0) << info.err;
-  EXPECT_TRUE(Has(info.out, "320x240, compression \"H264\""));
-  EXPECT_TRUE(Has(info.out, "G.726 audio at 8000 Hz"));
-  EXPECT_TRUE(Has(info.out, "3 key frames, spacing 20 to 20 frames, at 0 20 40"));
+    const RunResult info = RunShell(folder_, TOOL + " info " + Quote(out));
+    EXPECT_EQ(info.exitCode, 0) << info.err;
+    EXPECT_TRUE(Has(info.out, std::string("320x240, compression \"") + codec.fourcc + "\""));
+    EXPECT_TRUE(Has(info.out, "G.726 audio at 8000 Hz"));
+    EXPECT_TRUE(Has(info.out, "3 key frames, spacing 20 to 20 frames, at 0 20 40"));
 
-  const PictureRun played = PlayThroughLibrary(out);
-  EXPECT_TRUE(played.ended);
-  EXPECT_GE(played.hashes.size(), 49u);  // the file's last frame is never indexed
+    const PictureRun played = PlayThroughLibrary(out);
+    EXPECT_TRUE(played.ended);
+    EXPECT_GE(played.hashes.size(), 49u);  // the file's last frame is never indexed
 
-  Pipeline demux("filesrc location=" + Path(out) + " ! tqfdemux name=d d.video ! queue ! appsink name=v sync=false "
-                 "d.audio ! queue ! appsink name=a sync=false");
-  const Captured& video = demux.Capture("v", /*keepBytes=*/true);
-  const Captured& audio = demux.Capture("a");
-  ASSERT_TRUE(demux.Run());
-  ASSERT_EQ(video.bytes.size(), played.hashes.size());
-  for (size_t i = 0; i < video.bytes.size(); ++i) {
-    EXPECT_EQ(video.bytes[i], encoded.bytes[i]) << "frame " << i;
-    EXPECT_EQ(video.keys[i], encoded.keys[i]) << "frame " << i;
+    Pipeline demux("filesrc location=" + Path(out) + " ! tqfdemux name=d d.video ! queue ! appsink name=v sync=false "
+                   "d.audio ! queue ! appsink name=a sync=false");
+    const Captured& video = demux.Capture("v", /*keepBytes=*/true);
+    const Captured& audio = demux.Capture("a");
+    ASSERT_TRUE(demux.Run());
+    ASSERT_EQ(video.bytes.size(), played.hashes.size());
+    for (size_t i = 0; i < video.bytes.size(); ++i) {
+      EXPECT_EQ(video.bytes[i], encoded.bytes[i]) << "frame " << i;
+      EXPECT_EQ(video.keys[i], encoded.keys[i]) << "frame " << i;
+    }
+    EXPECT_GE(audio.hashes.size(), 28u);  // 2.4 s of sound in 80 ms frames, the last maybe not indexed
   }
-  EXPECT_GE(audio.hashes.size(), 28u);  // 2.4 s of sound in 80 ms frames, the last maybe not indexed
 }
 
 // Sent to tcpserversink, the muxer's stream plays for a client that joins
