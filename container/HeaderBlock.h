@@ -25,7 +25,8 @@ struct HeaderBlock {
   std::vector<uint8_t> bytes;
 };
 
-// Appends one frame (sync, info, stamp, payload) to `out`. `header.info`
-// must give `length`, and `length` fit TQF_MAX_FRAME_PAYLOAD.
+// Appends a frame's head (sync, info, stamp) and the `length` bytes of
+// `payload` to `out`; a writer that sends the payload apart gives 0 and null.
+// `header.info` must give the payload's length.
 void AppendFrame(std::vector<uint8_t>& out, const TQFFrameHeader& header, const uint8_t* payload,
                  uint32_t length);

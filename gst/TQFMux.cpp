@@ -77,15 +77,19 @@ uint32_t StampOf(MuxContext& c, GstClockTime runningTime) {
   return c.lastStamp;
 }
 
-GstFlowReturn PushFrame(GstAggregator* mux, uint32_t stream, bool key, uint32_t stamp,
-                        const uint8_t* payload, size_t length, GstClockTime pts, GstClockTime dts) {
-  if (length > TQF_MAX_FRAME_PAYLOAD) return Fail(mux, "a frame is larger than TQF allows (1,048,575 bytes)");
-  if (length == 0) return GST_FLOW_OK;
-  std::vector<uint8_t> bytes;
-  bytes.reserve(TQF_FRAME_HEAD_SIZE + length);
-  AppendFrame(bytes, TQFFrameHeader{MakeFrameInfo(static_cast<uint32_t>(length), key, stream), stamp},
-              payload, static_cast<uint32_t>(length));
-  GstBuffer* buffer = gst_buffer_new_memdup(bytes.data(), bytes.size());
+// Sends one frame: its head, then `payload` (taken), whose memory the
+// output shares rather than copies.
+GstFlowReturn PushFrame(GstAggregator* mux, uint32_t stream, bool key, uint32_t stamp, GstBuffer* payload,
+                        GstClockTime pts, GstClockTime dts) {
+  const gsize length = gst_buffer_get_size(payload);
+  if (length > TQF_MAX_FRAME_PAYLOAD || length == 0) {
+    gst_buffer_unref(payload);
+    return length == 0 ? GST_FLOW_OK : Fail(mux, "a frame is larger than TQF allows (1,048,575 bytes)");
+  }
+  std::vector<uint8_t> head;
+  AppendFrame(head, TQFFrameHeader{MakeFrameInfo(static_cast<uint32_t>(length), key, stream), stamp},
+              /*payload=*/nullptr, /*length=*/0);
+  GstBuffer* buffer = gst_buffer_append(gst_buffer_new_memdup(head.data(), head.size()), payload);
   GST_BUFFER_PTS(buffer) = pts;
   GST_BUFFER_DTS(buffer) = dts;
   if (!key) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
@@ -137,8 +141,8 @@ GstFlowReturn EncodeAudio(GstAggregator* mux, MuxContext& c, bool atEnd) {
     const int32_t length = G726EncodeBlock(&c.g726, c.samples.data() + done,
                                            static_cast<int32_t>(count * sizeof(int16_t)), codes);
     const GstClockTime time = c.samplesTime + gst_util_uint64_scale(done, GST_SECOND, G726_SAMPLE_RATE);
-    result = PushFrame(mux, TQF_STREAM_AUDIO, /*key=*/false, StampOf(c, time), codes,
-                       static_cast<size_t>(length), time, time);
+    result = PushFrame(mux, TQF_STREAM_AUDIO, /*key=*/false, StampOf(c, time),
+                       gst_buffer_new_memdup(codes, static_cast<gsize>(length)), time, time);
     done += count;
   }
   c.samples.erase(c.samples.begin(), c.samples.begin() + static_cast<std::ptrdiff_t>(done));
@@ -157,15 +161,12 @@ GstFlowReturn TakeAudio(GstAggregator* mux, MuxContext& c, GstBuffer* buffer) {
 }
 
 GstFlowReturn TakeVideo(GstAggregator* mux, MuxContext& c, GstBuffer* buffer) {
-  GstMapInfo map;
-  if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) return Fail(mux, "cannot read a video buffer");
   const bool key = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
   // The output runs on running time, as the aggregator's segment does.
   const GstClockTime pts = RunningTime(c.videoPad, GST_BUFFER_PTS(buffer));
-  const GstFlowReturn result = PushFrame(mux, TQF_STREAM_VIDEO, key, StampOf(c, pts), map.data, map.size,
-                                         pts, RunningTime(c.videoPad, GST_BUFFER_DTS(buffer)));
-  gst_buffer_unmap(buffer, &map);
-  return result;
+  return PushFrame(mux, TQF_STREAM_VIDEO, key, StampOf(c, pts),
+                   gst_buffer_copy_region(buffer, GST_BUFFER_COPY_MEMORY, 0, static_cast<gsize>(-1)), pts,
+                   RunningTime(c.videoPad, GST_BUFFER_DTS(buffer)));
 }
 
 // The pad whose next buffer is due first; null when none has one.
