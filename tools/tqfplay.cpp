@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "AudioCommand.h"
+#include "ClipCommand.h"
 #include "Command.h"
 #include "ExportCommand.h"
 #include "ImportCommand.h"
@@ -22,6 +23,7 @@ const Command* const COMMANDS[] = {
     &SERVE_COMMAND,
     &VIEW_COMMAND,
     &EXPORT_COMMAND,
+    &CLIP_COMMAND,
     &AUDIO_COMMAND,
 };
 
