@@ -82,6 +82,46 @@ TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4MAndPng) {
   EXPECT_LT(MeanDifference(ToRgb(folder_, "-i " + Quote(stills + "/000000.png")), first), 0.5);
 }
 
+// snapshot --at 5 is the picture of frame 125 (PNG losslessly, JPEG within its
+// loss), a series below the key-frame spacing every picture asked for, one at
+// or above it the key frames before its times; play --keyframes gives the
+// five key frames alone.
+TEST_F(PlayTest, SnapshotsAndKeyFramesAreTheLibrarysPictures) {
+  const std::string all = folder_.File("all.y4m"), keys = folder_.File("keys.y4m");
+  ASSERT_EQ(Tool("play " + Quote(DEMO) + " --y4m " + Quote(all)).exitCode, 0);
+  const PictureRun played = ReadY4M(all);
+  ASSERT_EQ(played.hashes, ReferenceFrom(0));
+  const size_t size = 640 * 352 * 3 / 2;
+  auto frame = [&](size_t n) {
+    return I420ToRgb(folder_, {played.pictures.begin() + static_cast<long>(n * size),
+                               played.pictures.begin() + static_cast<long>((n + 1) * size)});
+  };
+  struct Case {
+    std::string options, out, image, summary;
+    size_t frame;
+    double within;  // mean difference from that frame's picture
+  };
+  const Case cases[] = {{"--at 5", "at.png", "at.png", "1 picture", 125, 0.5},
+                        {"--at 00:05.000", "at.jpg", "at.jpg", "1 picture", 125, 2},
+                        {"--at 9.5 --every 0.04", "fast.png", "fast-0002.png", "13 pictures", 238, 0.5},
+                        {"--at 1 --every 2", "keys.png", "keys-0003.png", "5 pictures", 100, 0.5}};  // 5 s: key 100
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options);
+    const RunResult r = Tool("snapshot " + Quote(DEMO) + " " + c.options + " " + Quote(folder_.File(c.out)));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_TRUE(Has(r.err, c.summary));
+    const std::vector<uint8_t> rgb = ToRgb(folder_, "-i " + Quote(folder_.File(c.image)));
+    EXPECT_LT(MeanDifference(rgb, frame(c.frame)), c.within);
+    EXPECT_GT(MeanDifference(rgb, frame(c.frame + 1)), c.within + 2);
+  }
+  const RunResult r = Tool("play --keyframes " + Quote(DEMO) + " --y4m " + Quote(keys));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(Has(r.err, "play: 5 pictures"));
+  const std::vector<uint64_t>& reference = DemoReference().hashes;
+  EXPECT_EQ(ReadY4M(keys).hashes,
+            (std::vector<uint64_t>{reference[0], reference[50], reference[100], reference[150], reference[200]}));
+}
+
 // From a file, standard input or a FIFO, in chunks of any size. A recording
 // holds video only, from the start or from the next key frame after
 // --record-after; its last frame is not indexed.

@@ -216,6 +216,12 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
       {"clip " + in + out("c.mkv") + " --from 10 --to 11", "--from 10.000 s is past the last picture", 1},
       {"clip " + in + out("c.avi") + " --from 1 --to 2", "must end in .mp4 or .mkv", 1},
       {"clip " + in + " " + link + " -y --from 1 --to 2", "is also an input", 1},
+      {"snapshot " + in + out("s.gif") + " --at 1", "must end in .png or .jpg", 2},
+      {"snapshot " + in + out("s.png"), "--at is needed", 2},
+      {"snapshot " + in + out("s.png") + " --at 1 --every 0", "--every must be above 0", 2},
+      {"snapshot " + in + out("s.png") + " --at 10", "--at is past the end", 1},
+      {"snapshot " + noKeys + out("s.jpg") + " --at 1", "has no key frame", 1},
+      {"play --keyframes " + noKeys, "has no key frame", 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.arguments);

@@ -10,6 +10,7 @@
 #include "InfoCommand.h"
 #include "PlayCommand.h"
 #include "ServeCommand.h"
+#include "SnapshotCommand.h"
 #include "StreamCommand.h"
 #include "ViewCommand.h"
 
@@ -24,6 +25,7 @@ const Command* const COMMANDS[] = {
     &VIEW_COMMAND,
     &EXPORT_COMMAND,
     &CLIP_COMMAND,
+    &SNAPSHOT_COMMAND,
     &AUDIO_COMMAND,
 };
 
