@@ -6,11 +6,18 @@
 // the range (ExportMedia), its audio cut to the pictures.
 #include "ClipCommand.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "ExactStart.h"
 #include "ExportCommand.h"
 #include "Options.h"
 #include "OutputFile.h"
@@ -26,12 +33,21 @@ struct ClipOptions {
   const char* paths[2] = {};  // input, output
   uint32_t fromMs = UINT32_MAX;
   uint32_t toMs = UINT32_MAX;
+  bool exact = false;
+};
+
+// What a clip is made of: the frames copied, after the head re-encoded (none
+// unless --exact starts the clip after a key frame).
+struct ClipPlan {
+  ClipRange range;
+  std::vector<EncodedFrame> head;
 };
 
 bool ParseClipOptions(int argc, char** argv, ClipOptions* o) {
   const OptionSpec specs[] = {
       {"--from", OptionKind::TIME, &o->fromMs},
       {"--to", OptionKind::TIME, &o->toMs},
+      {"--exact", OptionKind::FLAG, &o->exact},
   };
   if (!ParseOptions(NAME, argc, argv, specs, std::size(specs), o->paths, 2, 2)) return false;
   if (o->fromMs == UINT32_MAX || o->toMs == UINT32_MAX) return StepFailed(NAME, "--from and --to are needed");
@@ -39,11 +55,11 @@ bool ParseClipOptions(int argc, char** argv, ClipOptions* o) {
   return true;
 }
 
-// Frames of both streams copied in file order: the video of `range` and the
-// audio of its time.
+// Frames of both streams in file order: the head, the video of the range and
+// the audio of its time.
 class TqfClipWriter {
  public:
-  TqfClipWriter(MediaSource& source, ClipRange range) : source_(source), range_(range) {}
+  TqfClipWriter(MediaSource& source, const ClipPlan& plan) : source_(source), plan_(plan), range_(plan.range) {}
 
   bool Write(const char* path, std::string* error) {
     std::vector<uint8_t> header;
@@ -51,6 +67,7 @@ class TqfClipWriter {
     if (!WriteHeader(path, header, error)) return false;
     if (!writer_.Create(path, /*append=*/1)) return Fail(error, std::string("cannot write ") + path);
     FindAudio();
+    if (!WriteHead(error)) return false;
     for (uint32_t frame = range_.first; frame < range_.end; ++frame) {
       if (!CopyAudioBefore(source_.FrameOffset(TQF_STREAM_VIDEO, frame), error) ||
           !Copy(TQF_STREAM_VIDEO, frame, error))
@@ -95,6 +112,19 @@ class TqfClipWriter {
     if (nextAudio_ == frames) endAudio_ = frames;
   }
 
+  bool WriteHead(std::string* error) {
+    for (const EncodedFrame& frame : plan_.head) {
+      const auto length = static_cast<uint32_t>(frame.payload.size());
+      if (length > TQF_MAX_FRAME_PAYLOAD)
+        return Fail(error, "a re-encoded frame of " + std::to_string(length) + " bytes is too large for TQF");
+      const TQFFrameHeader header{MakeFrameInfo(length, frame.keyFrame, TQF_STREAM_VIDEO), frame.stamp};
+      if (!writer_.WriteFrame(&header, frame.payload.data(), length))
+        return Fail(error, "writing " + writer_.path + " failed");
+      ++videoFrames_;
+    }
+    return true;
+  }
+
   bool CopyAudioBefore(uint64_t offset, std::string* error) {
     for (; nextAudio_ < endAudio_ && source_.FrameOffset(TQF_STREAM_AUDIO, nextAudio_) < offset;
          ++nextAudio_, ++audioFrames_)
@@ -113,7 +143,8 @@ class TqfClipWriter {
   }
 
   MediaSource& source_;
-  ClipRange range_;
+  const ClipPlan& plan_;
+  const ClipRange& range_;
   TQFWriter writer_;
   uint32_t nextAudio_ = 0;
   uint32_t endAudio_ = 0;
@@ -121,25 +152,77 @@ class TqfClipWriter {
   uint32_t audioFrames_ = 0;
 };
 
-bool ClipToTqf(MediaSource& source, const ClipOptions& o, ClipRange range, std::string* error) {
-  OutputFile output;
-  if (!output.Prepare(o.paths[1], {o.paths[0]}, WriteAccess::SEEKING, error)) return false;
-  TqfClipWriter writer(source, range);
-  if (!writer.Write(output.WritePath(), error) || !output.Commit(error)) return false;
-  std::fprintf(stderr, "%s: %s: %s from frame %u, %s\n", NAME, o.paths[1],
-               Count(writer.VideoFrames(), "video frame").c_str(), range.first,
-               Count(writer.AudioFrames(), "audio frame").c_str());
+// Re-encodes the head of the range's first group when the picture at its
+// start is not a key frame: the frames copied then begin with the next key
+// frame, and the audio with that picture.
+bool StartExactly(MediaSource& source, ClipPlan* plan, std::string* error) {
+  ClipRange& range = plan->range;
+  if (range.shown == range.first) return true;
+  uint32_t next = range.first + 1;
+  while (next < range.end && !source.IsKeyFrame(next)) ++next;
+  if (!EncodeExactStart(source, range.first, range.shown, next, &plan->head, error)) return false;
+  range.first = next;
+  range.startMs = range.shownMs;
   return true;
 }
 
-bool ClipToMedia(MediaSource& source, const ClipOptions& o, ClipRange range, std::string* error) {
+// Where the clip's pictures start, for the summary.
+std::string StartText(const ClipPlan& plan) {
+  const uint32_t start = plan.head.empty() ? plan.range.first : plan.range.shown;
+  return "from frame " + std::to_string(start) +
+         (plan.head.empty() ? "" : " (" + Count(plan.head.size(), "frame") + " re-encoded)");
+}
+
+bool ClipToTqf(MediaSource& source, const ClipOptions& o, const ClipPlan& plan, std::string* error) {
+  OutputFile output;
+  if (!output.Prepare(o.paths[1], {o.paths[0]}, WriteAccess::SEEKING, error)) return false;
+  TqfClipWriter writer(source, plan);
+  if (!writer.Write(output.WritePath(), error) || !output.Commit(error)) return false;
+  std::fprintf(stderr, "%s: %s: %s %s, %s\n", NAME, o.paths[1], Count(writer.VideoFrames(), "video frame").c_str(),
+               StartText(plan).c_str(), Count(writer.AudioFrames(), "audio frame").c_str());
+  return true;
+}
+
+// A file of our own in TMPDIR, removed with its owner.
+struct TemporaryFile {
+  std::string path;
+  ~TemporaryFile() {
+    if (!path.empty()) std::remove(path.c_str());
+  }
+  bool Make(const char* suffix, std::string* error) {
+    const char* folder = std::getenv("TMPDIR");
+    std::string name = std::string(folder != nullptr && *folder != '\0' ? folder : "/tmp") + "/tqfclipXXXXXX" + suffix;
+    const int fd = mkstemps(name.data(), static_cast<int>(std::strlen(suffix)));
+    if (fd < 0) {
+      *error = "cannot make a temporary file in " + name.substr(0, name.rfind('/')) + ": " + std::strerror(errno);
+      return false;
+    }
+    close(fd);
+    path = name;
+    return true;
+  }
+};
+
+// An MP4 or MKV clip: the range exported as it is; with a re-encoded head,
+// the export of a TQF clip made first in a temporary file.
+bool ClipToMedia(MediaSource& source, const ClipOptions& o, const ClipPlan& plan, std::string* error) {
   ExportSummary summary;
-  if (!ExportMedia(source, o.paths[1], {o.paths[0]}, ExportFormatOf(o.paths[1]), &summary, error,
-                   ExportRange{range.first, range.end}))
-    return false;
-  std::fprintf(stderr, "%s: %s: %s from frame %u (%.2f s), %.2f s of audio\n", NAME, o.paths[1],
-               Count(summary.videoPackets, "video frame").c_str(), range.first, summary.videoSeconds,
-               summary.audioSamples / static_cast<double>(G726_SAMPLE_RATE));
+  const std::optional<ExportFormat> format = ExportFormatOf(o.paths[1]);
+  if (plan.head.empty()) {
+    if (!ExportMedia(source, o.paths[1], {o.paths[0]}, format, &summary, error,
+                     ExportRange{plan.range.first, plan.range.end}))
+      return false;
+  } else {
+    TemporaryFile tqf;
+    TqfClipWriter writer(source, plan);
+    MediaSource clip;
+    if (!tqf.Make(".tqf", error) || !writer.Write(tqf.path.c_str(), error) || !clip.Open(tqf.path.c_str(), error) ||
+        !ExportMedia(clip, o.paths[1], {o.paths[0]}, format, &summary, error))
+      return false;
+  }
+  std::fprintf(stderr, "%s: %s: %s %s (%.2f s), %.2f s of audio\n", NAME, o.paths[1],
+               Count(summary.videoPackets, "video frame").c_str(), StartText(plan).c_str(),
+               summary.videoSeconds, summary.audioSamples / static_cast<double>(G726_SAMPLE_RATE));
   return true;
 }
 
@@ -150,10 +233,12 @@ int RunClip(int argc, char** argv) {
   std::string error;
   if (!source.Open(o.paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
   if (!source.HasVideo()) return CommandError(NAME, "%s has no video frames", o.paths[0]);
-  ClipRange range;
-  if (!FindClipRange(source, o.fromMs, o.toMs, &range, &error)) return CommandError(NAME, "%s", error.c_str());
-  const bool cut = HasExtension(o.paths[1], ".tqf") ? ClipToTqf(source, o, range, &error)
-                                           : ClipToMedia(source, o, range, &error);
+  ClipPlan plan;
+  if (!FindClipRange(source, o.fromMs, o.toMs, &plan.range, &error) ||
+      (o.exact && !StartExactly(source, &plan, &error)))
+    return CommandError(NAME, "%s", error.c_str());
+  const bool cut = HasExtension(o.paths[1], ".tqf") ? ClipToTqf(source, o, plan, &error)
+                                                    : ClipToMedia(source, o, plan, &error);
   return cut ? 0 : CommandError(NAME, "%s", error.c_str());
 }
 
@@ -191,6 +276,8 @@ bool FindClipRange(const MediaSource& source, uint32_t fromMs, uint32_t toMs, Cl
   while (end > first + 1 && timeline.Pts(end - 1) >= toMs) --end;
   range->first = static_cast<uint32_t>(first);
   range->end = static_cast<uint32_t>(end);
+  range->shown = static_cast<uint32_t>(shown);
+  range->shownMs = timeline.OriginMs() + timeline.Pts(shown);
   range->startMs = INT64_MAX;
   range->endMs = 0;
   for (size_t i = first; i < end; ++i) {
@@ -205,7 +292,7 @@ bool FindClipRange(const MediaSource& source, uint32_t fromMs, uint32_t toMs, Cl
 
 extern const Command CLIP_COMMAND = {
     NAME, "cut a time range without re-encoding, to TQF, MP4 or MKV",
-    "clip FILE OUT.tqf|OUT.mp4|OUT.mkv --from TIME --to TIME",
+    "clip FILE OUT.tqf|OUT.mp4|OUT.mkv --from TIME --to TIME [--exact]",
     "Copies the frames of a time range as they are. The clip starts at the key frame\n"
     "at or before --from (a decoder can start nowhere else) and ends with the last\n"
     "picture before --to. Times are seconds (12.5), MM:SS or HH:MM:SS.mmm, from the\n"
@@ -213,7 +300,11 @@ extern const Command CLIP_COMMAND = {
     "(as import writes them).\n"
     "\n"
     "OUT.tqf keeps the header block, the video frames of the range and the audio\n"
-    "frames between them, stamps unchanged. OUT.mp4 and OUT.mkv are written as\n"
-    "export writes them, the audio cut to the pictures.\n",
+    "frames of its time, stamps unchanged. OUT.mp4 and OUT.mkv are written as\n"
+    "export writes them, the audio cut to the pictures.\n"
+    "\n"
+    "  --exact   start on the picture at --from: the pictures from there up to the\n"
+    "            next key frame are decoded and encoded again, losslessly (libx264\n"
+    "            for H.264, libx265 for H.265), the rest copied as it is\n",
     RunClip,
 };

@@ -1,5 +1,6 @@
-// tqfplay clip FILE OUT.tqf|OUT.mp4|OUT.mkv --from T --to T: a time range cut
-// without re-encoding.
+// tqfplay clip FILE OUT.tqf|OUT.mp4|OUT.mkv --from T --to T [--exact]: a time
+// range cut without re-encoding, or with the head of its first group of
+// pictures re-encoded (ExactStart) so that it starts on the picture at --from.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +18,8 @@ extern const Command CLIP_COMMAND;
 struct ClipRange {
   uint32_t first;
   uint32_t end;
+  uint32_t shown;  // the frame shown at the start time
+  int64_t shownMs;  // ...and when, in the same clock as startMs
   int64_t startMs;
   int64_t endMs;
   bool timedByStamps;
@@ -24,7 +27,7 @@ struct ClipRange {
 
 // The frames that cover [fromMs, toMs) of `source`'s video, times counted
 // from its first picture: from the key frame at or before the picture shown
-// at `fromMs`, up to the first frame from which on every picture is shown at
+// at `fromMs` (`shown`), up to the first frame from which on every picture is shown at
 // `toMs` or later (the end of the file when `toMs` lies past it). Times are
 // 40 ms a frame, or the stamps when VideoTimeline takes them for
 // milliseconds. False with a message when `fromMs` is not before `toMs` or
