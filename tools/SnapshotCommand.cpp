@@ -256,8 +256,8 @@ extern const Command SNAPSHOT_COMMAND = {
     "snapshot FILE --at TIME OUT.png|OUT.jpg [--every SECONDS] [--timeout SECONDS]",
     "Writes the picture the library gives for the frame at TIME (40 ms a frame):\n"
     "the file player seeks to it, decoding from the key frame before it. TIME is\n"
-    "seconds (12.5), MM:SS or HH:MM:SS.mmm. PNG holds the picture in RGB, JPEG\n"
-    "(TurboJPEG, quality 90) in its own 4:2:0 planes.\n"
+    "seconds (12.5), MM:SS or HH:MM:SS.mmm. PNG holds the picture in RGB; JPEG\n"
+    "(TurboJPEG, quality 90) keeps its 4:2:0 planes, stretched to full range.\n"
     "\n"
     "  --every SECONDS  a series from TIME on, one picture each SECONDS (a time as\n"
     "                   for --at): OUT-0001.png, OUT-0002.png ... When SECONDS is at\n"
