@@ -82,6 +82,46 @@ TEST_F(PlayTest, PlayWritesTheLibrarysPicturesToY4MAndPng) {
   EXPECT_LT(MeanDifference(ToRgb(folder_, "-i " + Quote(stills + "/000000.png")), first), 0.5);
 }
 
+// snapshot --at 5 is the picture of frame 125 (PNG losslessly, JPEG within its
+// loss), a series below the key-frame spacing every picture asked for, one at
+// or above it the key frames before its times; play --keyframes gives the
+// five key frames alone.
+TEST_F(PlayTest, SnapshotsAndKeyFramesAreTheLibrarysPictures) {
+  const std::string all = folder_.File("all.y4m"), keys = folder_.File("keys.y4m");
+  ASSERT_EQ(Tool("play " + Quote(DEMO) + " --y4m " + Quote(all)).exitCode, 0);
+  const PictureRun played = ReadY4M(all);
+  ASSERT_EQ(played.hashes, ReferenceFrom(0));
+  const size_t size = 640 * 352 * 3 / 2;
+  auto frame = [&](size_t n) {
+    return I420ToRgb(folder_, {played.pictures.begin() + static_cast<long>(n * size),
+                               played.pictures.begin() + static_cast<long>((n + 1) * size)});
+  };
+  struct Case {
+    std::string options, out, image, summary;
+    size_t frame;
+    double within;  // mean difference from that frame's picture
+  };
+  const Case cases[] = {{"--at 5", "at.png", "at.png", "1 picture", 125, 0.5},
+                        {"--at 00:05.000", "at.jpg", "at.jpg", "1 picture", 125, 2},
+                        {"--at 9.5 --every 0.04", "fast.png", "fast-0002.png", "13 pictures", 238, 0.5},
+                        {"--at 1 --every 2", "keys.png", "keys-0003.png", "5 pictures", 100, 0.5}};  // 5 s: key 100
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options);
+    const RunResult r = Tool("snapshot " + Quote(DEMO) + " " + c.options + " " + Quote(folder_.File(c.out)));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_TRUE(Has(r.err, c.summary));
+    const std::vector<uint8_t> rgb = ToRgb(folder_, "-i " + Quote(folder_.File(c.image)));
+    EXPECT_LT(MeanDifference(rgb, frame(c.frame)), c.within);
+    EXPECT_GT(MeanDifference(rgb, frame(c.frame + 1)), c.within + 2);
+  }
+  const RunResult r = Tool("play --keyframes " + Quote(DEMO) + " --y4m " + Quote(keys));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(Has(r.err, "play: 5 pictures"));
+  const std::vector<uint64_t>& reference = DemoReference().hashes;
+  EXPECT_EQ(ReadY4M(keys).hashes,
+            (std::vector<uint64_t>{reference[0], reference[50], reference[100], reference[150], reference[200]}));
+}
+
 // From a file, standard input or a FIFO, in chunks of any size. A recording
 // holds video only, from the start or from the next key frame after
 // --record-after; its last frame is not indexed.
@@ -406,6 +446,46 @@ TEST_F(ExportTest, VideoGoesInAsItIsAndAudioAsTheG726ModuleDecodesIt) {
   ASSERT_GE(bytes.size(), 44u);
   EXPECT_EQ(LoadU32(reinterpret_cast<const uint8_t*>(bytes.data()) + 40), audio.size() * 2);  // data size
   EXPECT_EQ(AsSamples(bytes, 44), audio);
+}
+
+// clip from 3 s to 6 s starts at the key frame at 2 s (frame 50), or with
+// --exact at frame 75 itself (frames 75 to 99 re-encoded losslessly, so that
+// every picture is the library's own), and ends with the last picture before
+// 6 s (frame 149); TQF keeps the audio frames of those 4 s, MKV their
+// samples, MP4 as much AAC.
+TEST_F(ExportTest, ClipCutsFromTheKeyFrameBeforeItsStartOrExactly) {
+  const PictureRun& reference = DemoReference();
+  ASSERT_EQ(reference.hashes.size(), 250u);
+  const std::string tqf = folder_.File("clip.tqf"), mkv = folder_.File("clip.mkv");
+  const std::pair<std::string, size_t> cases[] = {{tqf, 50}, {mkv, 50}, {folder_.File("clip.mp4"), 50},
+                                                  {folder_.File("exact.tqf"), 75}, {folder_.File("exact.mp4"), 75}};
+  for (const auto& [out, first] : cases) {
+    SCOPED_TRACE(out);
+    RunResult r = Tool("clip " + Quote(DEMO) + " " + Quote(out) + " --from 3 --to 00:00:06" +
+                       (first == 75 ? " --exact" : ""));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_TRUE(Has(r.err, std::to_string(150 - first) + " video frames from frame " + std::to_string(first)));
+    const std::vector<uint64_t> pictures(reference.hashes.begin() + static_cast<long>(first),
+                                         reference.hashes.begin() + 150);
+    EXPECT_EQ(out.ends_with(".tqf") ? PlayThroughLibrary(out).hashes : DecodeVideo(out), pictures);
+    if (!out.ends_with(".tqf")) {
+      EXPECT_NEAR(Duration(out), (150 - first) * 0.04, 0.1);
+    }
+  }
+  const std::string info = Tool("info --json " + Quote(tqf)).out;
+  EXPECT_TRUE(Has(info, "\"firstStamp\":2000,\"lastStamp\":5960,\"keyFrames\":[0,50]"));
+  // 50 audio frames, the last of them the file's last frame, which is never indexed.
+  EXPECT_TRUE(Has(info, "\"frames\":49,\"payloadBytes\":15680,\"firstStamp\":2000,\"lastStamp\":5840,"));
+  EXPECT_TRUE(Has(info, "\"tailBytes\":332}"));
+  const std::vector<int16_t> audio = DemoAudio(), cut(audio.begin() + 2 * 8000, audio.begin() + 6 * 8000);
+  for (const std::string& out : {mkv, folder_.File("clip.mp4")}) {
+    const std::vector<int16_t> samples =
+        AsSamples(Shell("ffmpeg -v error -nostdin -i " + Quote(out) + " -map 0:a -f s16le -").out, 0);
+    if (out == mkv) {
+      EXPECT_EQ(samples, cut);
+    }
+    EXPECT_NEAR(static_cast<double>(samples.size()), static_cast<double>(cut.size()), 1024);  // AAC's frames
+  }
 }
 
 // Imported content keeps its time through export: B-frames at 30 fps decode

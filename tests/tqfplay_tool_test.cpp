@@ -6,10 +6,26 @@
 #include <string>
 #include <vector>
 
+#include "Options.h"
 #include "TQFFormat.h"
 #include "ToolRunner.h"
 
 namespace {
+
+// Times as every option takes them: seconds with up to three decimals, MM:SS
+// or HH:MM:SS.mmm, at most 2^31 - 1 ms; -1: refused.
+TEST(ParseTimeTest, TakesSecondsAndClockTimesOnly) {
+  const std::pair<const char*, int64_t> cases[] = {
+      {"0", 0}, {"12.5", 12500}, {"90", 90000}, {"01:30", 90000}, {"1:02:03.004", 3723004},
+      {"00:00:06", 6000}, {"75:00", 4500000}, {"2147483.647", INT32_MAX}, {"", -1}, {"-1", -1},
+      {"1:60", -1}, {"1.2345", -1}, {"1:2:3:4", -1}, {"12s", -1}, {" 1", -1}, {"1.", -1},
+      {"2147483.648", -1}, {":30", -1}, {"1e3", -1}, {"1,5", -1}};
+  for (const auto& [text, expected] : cases) {
+    uint32_t ms = 7;
+    EXPECT_EQ(ParseTime(text, &ms), expected >= 0) << text;
+    EXPECT_EQ(ms, expected >= 0 ? expected : 7) << text;
+  }
+}
 
 // info as JSON, valid whatever the file is called. (Its text form: ImportsVideoAndAudio.)
 TEST_F(ToolTest, InfoDescribesSamplesAndDamage) {
@@ -194,6 +210,18 @@ TEST_F(ToolTest, ErrorsNameTheirCauseAndDestroyNothing) {
       {"export " + in + " " + link + " -y", "is also an input", 1},
       {"audio " + jpeg + out("j.wav"), "has no G.726 audio", 1},
       {"audio " + in + " " + link, "is also an input", 1},
+      {"clip " + in + out("c.tqf") + " --from 3 --to 2", "--from must come before --to", 2},
+      {"clip " + in + out("c.tqf") + " --from 3", "--from and --to are needed", 2},
+      {"clip " + in + out("c.mp4") + " --from 1:75 --to 9", "bad value '1:75' for --from", 2},
+      {"clip " + in + out("c.mkv") + " --from 10 --to 11", "--from 10.000 s is past the last picture", 1},
+      {"clip " + in + out("c.avi") + " --from 1 --to 2", "must end in .mp4 or .mkv", 1},
+      {"clip " + in + " " + link + " -y --from 1 --to 2", "is also an input", 1},
+      {"snapshot " + in + out("s.gif") + " --at 1", "must end in .png or .jpg", 2},
+      {"snapshot " + in + out("s.png"), "--at is needed", 2},
+      {"snapshot " + in + out("s.png") + " --at 1 --every 0", "--every must be above 0", 2},
+      {"snapshot " + in + out("s.png") + " --at 10", "--at is past the end", 1},
+      {"snapshot " + noKeys + out("s.jpg") + " --at 1", "has no key frame", 1},
+      {"play --keyframes " + noKeys, "has no key frame", 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.arguments);

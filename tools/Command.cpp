@@ -4,6 +4,8 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
+#include <strings.h>
 
 namespace {
 
@@ -42,6 +44,11 @@ std::string FourCCText(uint32_t value) {
   if (printable) return std::string(text, 4);
   std::snprintf(text, sizeof text, "0x%08" PRIX32, value);
   return text;
+}
+
+bool HasExtension(const char* path, const char* extension) {
+  const size_t n = std::strlen(path), m = std::strlen(extension);
+  return n >= m && strcasecmp(path + n - m, extension) == 0;
 }
 
 std::string Count(uint64_t n, const char* noun) {

@@ -29,5 +29,8 @@ bool StepFailed(const char* command, const char* format, ...)
 // not print or is a quote or backslash (so that the text fits in JSON as is).
 std::string FourCCText(uint32_t value);
 
+// Whether `path` ends in `extension` (".mp4"), in any case (".MP4").
+bool HasExtension(const char* path, const char* extension);
+
 // A count and its noun: "1 record", "2 records".
 std::string Count(uint64_t n, const char* noun);

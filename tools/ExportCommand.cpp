@@ -16,7 +16,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <strings.h>
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -44,12 +43,6 @@ constexpr AVRational VIDEO_TIME_BASE{1, 1000};  // milliseconds
 constexpr int64_t AUDIO_SAMPLES_PER_MS = G726_SAMPLE_RATE / 1000;
 constexpr AVRational AUDIO_TIME_BASE{1, G726_SAMPLE_RATE};
 constexpr int64_t AAC_BIT_RATE = 32000;
-
-// Extensions match without regard to case (".MP4").
-bool EndsWith(const std::string& text, const char* suffix) {
-  size_t n = std::strlen(suffix);
-  return text.size() >= n && strcasecmp(text.c_str() + text.size() - n, suffix) == 0;
-}
 
 // The parameter sets of a key frame of `codec`, which a muxer needs as
 // extradata, as libavcodec's extract_extradata filter finds them. Empty if
@@ -84,8 +77,13 @@ struct FormatContextFree {
 // One export: the source, the muxer and, for MP4, the AAC encoder.
 class Exporter {
  public:
-  Exporter(MediaSource& source, const char* outPath, ExportFormat format)
-      : source_(source), outPath_(outPath), format_(format), mp4_(format == ExportFormat::MP4) {}
+  Exporter(MediaSource& source, const char* outPath, ExportFormat format, ExportRange range)
+      : source_(source),
+        outPath_(outPath),
+        format_(format),
+        mp4_(format == ExportFormat::MP4),
+        firstFrame_(range.first),
+        endFrame_(std::min(range.end, source.VideoFrames())) {}
 
   // The whole export; after a failure, no part of the output file is left.
   bool Run(std::string* error) {
@@ -136,8 +134,8 @@ class Exporter {
       *error = std::string(codec_->name) + " goes into .mkv only";
       return false;
     }
-    while (firstFrame_ < source_.VideoFrames() && !IsKey(firstFrame_)) ++firstFrame_;
-    if (firstFrame_ == source_.VideoFrames()) {
+    while (firstFrame_ < endFrame_ && !source_.IsKeyFrame(firstFrame_)) ++firstFrame_;
+    if (firstFrame_ >= endFrame_) {
       *error = "the video has no key frame";
       return false;
     }
@@ -152,19 +150,21 @@ class Exporter {
     p->format = codec_->format;
     videoStream_->time_base = VIDEO_TIME_BASE;
     std::vector<uint32_t> stamps;
-    for (uint32_t frame = firstFrame_; frame < source_.VideoFrames(); ++frame)
+    for (uint32_t frame = firstFrame_; frame < endFrame_; ++frame)
       stamps.push_back(source_.VideoStamp(frame));
     timeline_.emplace(stamps, firstFrame_);
+    if (endFrame_ < source_.VideoFrames()) audioEnd_ = PicturesEndMs() * AUDIO_SAMPLES_PER_MS;
     av_reduce(&videoStream_->avg_frame_rate.num, &videoStream_->avg_frame_rate.den,
               timeline_->RateNumerator(), timeline_->RateDenominator(), INT32_MAX);
     return codec_->parameterSets == nullptr || SetParameterSets(p, error);
   }
 
-  bool IsKey(uint32_t frame) {
-    const uint8_t* payload;
-    uint32_t length;
-    bool key = false;
-    return source_.ReadVideo(frame, &payload, &length, &key) && key;
+  // When the last picture ends, against the first picture.
+  int64_t PicturesEndMs() const {
+    int64_t end = 0;
+    for (size_t i = 0; i < endFrame_ - firstFrame_; ++i)
+      end = std::max(end, timeline_->Pts(i) + timeline_->Duration(i));
+    return end;
   }
 
   bool SetParameterSets(AVCodecParameters* p, std::string* error) {
@@ -241,8 +241,7 @@ class Exporter {
 
   // Video frames in order, each after the audio that comes before it.
   bool WritePackets(std::string* error) {
-    for (uint32_t frame = firstFrame_; timeline_.has_value() && frame < source_.VideoFrames();
-         ++frame) {
+    for (uint32_t frame = firstFrame_; timeline_.has_value() && frame < endFrame_; ++frame) {
       const size_t i = frame - firstFrame_;
       // Audio up to this frame's decode time, in samples.
       if (!WriteAudioUntil(timeline_->Dts(i) * AUDIO_SAMPLES_PER_MS, error) ||
@@ -282,7 +281,7 @@ class Exporter {
 
   bool WriteAudioUntil(int64_t due, std::string* error) {
     if (audioStream_ == nullptr) return true;
-    while (audioSamples_ < due && !audioDone_) {
+    while (audioSamples_ < std::min(due, audioEnd_) && !audioDone_) {
       if (!source_.NextAudio(&pcm_)) {
         audioDone_ = true;
         break;
@@ -291,6 +290,9 @@ class Exporter {
       const int64_t cut = std::min(std::max<int64_t>(-audioSamples_, 0), static_cast<int64_t>(pcm_.size()));
       pcm_.erase(pcm_.begin(), pcm_.begin() + cut);
       audioSamples_ += cut;
+      // ...and so are those after the last picture of a range.
+      pcm_.resize(static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(pcm_.size()),
+                                                        std::max<int64_t>(audioEnd_ - audioSamples_, 0))));
       if (pcm_.empty()) continue;
       bool written = mp4_ ? EncodeAac(pcm_.data(), pcm_.size(), error) : WritePcm(error);
       if (!written) return false;
@@ -376,13 +378,15 @@ class Exporter {
   PacketPtr packet_;
   AVStream* videoStream_ = nullptr;
   AVStream* audioStream_ = nullptr;
-  uint32_t firstFrame_ = 0;
+  uint32_t firstFrame_;
+  uint32_t endFrame_;  // one past the last video frame to write
   uint32_t videoWritten_ = 0;
   int64_t videoEndMs_ = 0;
   std::optional<VideoTimeline> timeline_;  // set by AddVideo; none in a WAV
   std::vector<int16_t> pcm_;
   std::vector<float> pending_;
   int64_t audioSamples_ = 0;  // the time of the next sample against the first picture
+  int64_t audioEnd_ = INT64_MAX;  // in samples against the first picture: the end of a range
   int64_t audioWritten_ = 0;
   int64_t aacPts_ = 0;
   bool audioDone_ = false;
@@ -394,11 +398,8 @@ int RunExport(int argc, char** argv) {
   MediaSource source;
   std::string error;
   if (!source.Open(paths[0], &error)) return CommandError(NAME, "%s", error.c_str());
-  std::optional<ExportFormat> format;
-  if (EndsWith(paths[1], ".mp4")) format = ExportFormat::MP4;
-  if (EndsWith(paths[1], ".mkv")) format = ExportFormat::MKV;
   ExportSummary summary;
-  if (!ExportMedia(source, paths[1], {paths[0]}, format, &summary, &error))
+  if (!ExportMedia(source, paths[1], {paths[0]}, ExportFormatOf(paths[1]), &summary, &error))
     return CommandError(NAME, "%s", error.c_str());
   std::fprintf(stderr, "%s: %s: %s (%.2f s, %s), %.2f s of audio\n", NAME, paths[1],
                Count(summary.videoPackets, "video frame").c_str(), summary.videoSeconds,
@@ -409,8 +410,15 @@ int RunExport(int argc, char** argv) {
 
 }  // namespace
 
+std::optional<ExportFormat> ExportFormatOf(const char* path) {
+  if (HasExtension(path, ".mp4")) return ExportFormat::MP4;
+  if (HasExtension(path, ".mkv")) return ExportFormat::MKV;
+  return std::nullopt;
+}
+
 bool ExportMedia(MediaSource& source, const char* path, std::initializer_list<const char*> inputs,
-                 std::optional<ExportFormat> format, ExportSummary* summary, std::string* error) {
+                 std::optional<ExportFormat> format, ExportSummary* summary, std::string* error,
+                 ExportRange range) {
   av_log_set_level(AV_LOG_ERROR);  // the encoder's statistics are no message
   OutputFile output;
   if (!output.Prepare(path, inputs, WriteAccess::SEEKING, error)) return false;
@@ -418,7 +426,7 @@ bool ExportMedia(MediaSource& source, const char* path, std::initializer_list<co
     *error = "the output must end in .mp4 or .mkv";
     return false;
   }
-  Exporter exporter(source, output.WritePath(), *format);
+  Exporter exporter(source, output.WritePath(), *format, range);
   if (!exporter.Run(error) || !output.Commit(error)) return false;
   *summary = exporter.Summary();
   return true;

@@ -21,10 +21,23 @@ struct ExportSummary {
   bool timedByStamps = false;
 };
 
-// Writes `source` to `path` ("-": standard output) in `format`: refused when
+// The video frames to export: [first, end) of the file, from the first key
+// frame at or after `first`. A range that ends before the file's last frame
+// cuts the audio at the end of the last picture.
+struct ExportRange {
+  uint32_t first = 0;
+  uint32_t end = UINT32_MAX;
+};
+
+// Writes `range` of `source` to `path` ("-": standard output) in `format`: refused when
 // it is one of `inputs` or exists (without --overwrite), or when there is no
 // format (an MP4 or MKV name was not given); written to a temporary file
 // that takes its place only when whole. False with a one-line `error`
 // otherwise. For export and audio.
 bool ExportMedia(MediaSource& source, const char* path, std::initializer_list<const char*> inputs,
-                 std::optional<ExportFormat> format, ExportSummary* summary, std::string* error);
+                 std::optional<ExportFormat> format, ExportSummary* summary, std::string* error,
+                 ExportRange range = {});
+
+// The format an output's name asks for (".mp4", ".mkv", any case); none for
+// another name.
+std::optional<ExportFormat> ExportFormatOf(const char* path);

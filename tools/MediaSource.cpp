@@ -72,6 +72,29 @@ bool MediaSource::ReadVideo(uint32_t frame, const uint8_t** payload, uint32_t* l
   return true;
 }
 
+std::vector<uint32_t> MediaSource::KeyFrames() const {
+  std::vector<uint32_t> keys;
+  for (uint32_t frame = 0; frame < VideoFrames(); ++frame)
+    if (IsKeyFrame(frame)) keys.push_back(frame);
+  return keys;
+}
+
+bool MediaSource::ReadFrame(uint32_t stream, uint32_t frame, TQFFrameHeader* header,
+                            const uint8_t** payload) {
+  uint32_t length = 0;
+  if (!Read(stream, frame, &length, &header->info)) return false;
+  header->stamp = Entry(stream, frame).stamp;
+  *payload = buffer_.data();
+  return true;
+}
+
+bool MediaSource::HeaderBlock(std::vector<uint8_t>* block) {
+  int32_t size = INT32_MAX;
+  if (!reader_.GetHeader(nullptr, &size)) return false;
+  block->resize(static_cast<size_t>(size));
+  return reader_.GetHeader(block->data(), &size);
+}
+
 bool MediaSource::NextAudio(std::vector<int16_t>* samples) {
   uint32_t length = 0, info = 0;
   if (!hasAudio_ || !Read(TQF_STREAM_AUDIO, nextAudio_, &length, &info)) return false;

@@ -29,11 +29,28 @@ class MediaSource {
   // Video frame `frame`'s payload (valid until the next call) and whether it
   // is a key frame. False if the frame cannot be read.
   bool ReadVideo(uint32_t frame, const uint8_t** payload, uint32_t* length, bool* keyFrame);
+  bool IsKeyFrame(uint32_t frame) const { return IsKeyFrameInfo(Entry(TQF_STREAM_VIDEO, frame).info); }
+  // The video key frames, in file order.
+  std::vector<uint32_t> KeyFrames() const;
+
+  // Where frame `frame` of `stream` (video or audio) lies in the file: the
+  // offset of its payload, which orders the frames of both streams.
+  uint64_t FrameOffset(uint32_t stream, uint32_t frame) const {
+    return Entry(stream, frame).payloadOffset;
+  }
+  // Frame `frame` of `stream` as the file holds it: its header words and its
+  // payload (valid until the next read). False if it cannot be read.
+  bool ReadFrame(uint32_t stream, uint32_t frame, TQFFrameHeader* header, const uint8_t** payload);
+  // The file's header block, as TQ_OpenStream takes it and a copy of the
+  // file begins with. False if it cannot be read.
+  bool HeaderBlock(std::vector<uint8_t>* block);
 
   // Record 1 is G.726 audio with at least one audio frame.
   bool HasAudio() const { return hasAudio_; }
   uint32_t AudioFrames() const { return Frames(TQF_STREAM_AUDIO); }
   uint32_t AudioStamp(uint32_t frame) const { return Entry(TQF_STREAM_AUDIO, frame).stamp; }
+  // Its payload's length in bytes (two samples a byte).
+  uint32_t AudioLength(uint32_t frame) const { return FramePayloadLength(Entry(TQF_STREAM_AUDIO, frame).info); }
   // The PCM of the next audio frame, in file order, two samples a byte; the
   // decoder's state runs on from frame to frame. False after the last one.
   bool NextAudio(std::vector<int16_t>* samples);

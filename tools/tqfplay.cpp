@@ -3,12 +3,14 @@
 #include <cstring>
 
 #include "AudioCommand.h"
+#include "ClipCommand.h"
 #include "Command.h"
 #include "ExportCommand.h"
 #include "ImportCommand.h"
 #include "InfoCommand.h"
 #include "PlayCommand.h"
 #include "ServeCommand.h"
+#include "SnapshotCommand.h"
 #include "StreamCommand.h"
 #include "ViewCommand.h"
 
@@ -22,6 +24,8 @@ const Command* const COMMANDS[] = {
     &SERVE_COMMAND,
     &VIEW_COMMAND,
     &EXPORT_COMMAND,
+    &CLIP_COMMAND,
+    &SNAPSHOT_COMMAND,
     &AUDIO_COMMAND,
 };
 
