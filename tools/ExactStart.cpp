@@ -169,5 +169,10 @@ bool EncodeExactStart(MediaSource& source, uint32_t key, uint32_t first, uint32_
   if (!coder.Open(*encoder, error)) return false;
   for (uint32_t frame = key; frame < next; ++frame)
     if (!coder.Decode(&frame, error)) return false;
-  return coder.Decode(nullptr, error) && coder.Finish(error);
+  if (!coder.Decode(nullptr, error) || !coder.Finish(error)) return false;
+  if (frames->empty()) {
+    *error = "the group from frame " + std::to_string(key) + " gave no picture to encode";
+    return false;
+  }
+  return true;
 }

@@ -26,6 +26,7 @@ struct EncodedFrame {
 // the frame after the group) and encodes the pictures shown from frame
 // `first` on, in the order they are shown, into `frames`, each with the
 // stamp of the frame it came from. False with a message when the codec is
-// neither H.264 nor H.265, a frame cannot be read, or libavcodec fails.
+// neither H.264 nor H.265, a frame cannot be read, libavcodec fails, or no
+// picture comes out.
 bool EncodeExactStart(MediaSource& source, uint32_t key, uint32_t first, uint32_t next,
                       std::vector<EncodedFrame>* frames, std::string* error);
