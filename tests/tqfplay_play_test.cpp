@@ -540,7 +540,8 @@ TEST_F(ExportTest, AudioStartsWithTheFirstPicture) {
   // Cut on a transport packet boundary, inside the first group of pictures.
   ASSERT_EQ(Shell("tail -c +" + std::to_string(188 * 150 + 1) + " " + ts + " > " + cut).exitCode, 0);
   ASSERT_EQ(Tool("import -y --audio " + cut + " " + tqf).exitCode, 0);
-  ASSERT_EQ(Tool("export -y " + tqf + " " + Quote(mp4)).exitCode, 0);
+  const RunResult exported = Tool("export -y " + tqf + " " + Quote(mp4));
+  ASSERT_EQ(exported.exitCode, 0) << exported.err;
   const std::string probe = Shell("ffprobe -v error -show_entries stream=start_time,duration -of csv=p=0 " +
                                   Quote(mp4)).out;
   double videoStart = 9, videoLength = 0, audioStart = 9, audioLength = 0;

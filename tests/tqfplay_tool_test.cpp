@@ -110,7 +110,7 @@ TEST_F(ToolTest, ImportsVideoAndAudio) {
 // Each command's usage line is the README's.
 TEST_F(ToolTest, HelpAndUsage) {
   const std::string readme = Text(std::string(TQF_SOURCE_DIR) + "/README.md");
-  for (const char* command : {"info", "import", "play", "stream", "view", "export", "audio"}) {
+  for (const char* command : {"info", "import", "play", "stream", "view", "export", "audio", "clip", "snapshot"}) {
     RunResult r = Tool(std::string(command) + " --help");
     const std::string usage = r.out.substr(0, r.out.find('\n'));
     EXPECT_EQ(r.exitCode, 0);

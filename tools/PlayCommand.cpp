@@ -153,7 +153,7 @@ int RunPlay(int argc, char** argv) {
 
 extern const Command PLAY_COMMAND = {
     NAME, "play a file through the library: Y4M, PNG stills, progress",
-    "play FILE [--y4m OUT.y4m] [--png DIR [--every N]] [--start SECONDS] [--realtime] [--timeout SECONDS]",
+    "play FILE [--y4m OUT.y4m] [--png DIR [--every N]] [--start SECONDS] [--realtime] [--keyframes] [--timeout SECONDS]",
     "Plays a TQF file with TQ_OpenFile and TQ_Play, as fast as the library decodes.\n"
     "\n"
     "  --y4m OUT        write every picture to a YUV4MPEG2 video (ffplay, mpv play it)\n"
