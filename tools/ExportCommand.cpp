@@ -290,6 +290,7 @@ class Exporter {
       const int64_t cut = std::min(std::max<int64_t>(-audioSamples_, 0), static_cast<int64_t>(pcm_.size()));
       pcm_.erase(pcm_.begin(), pcm_.begin() + cut);
       audioSamples_ += cut;
+      if (pcm_.empty()) continue;  // all before the first picture: the count is still negative
       // ...and so are those after the last picture of a range.
       pcm_.resize(static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(pcm_.size()),
                                                         std::max<int64_t>(audioEnd_ - audioSamples_, 0))));
