@@ -17,6 +17,7 @@
 #include "CodecTestSupport.h"
 #include "G726.h"
 #include "PictureReference.h"
+#include "PictureSlot.h"
 #include "TQFFormat.h"
 #include "ToolRunner.h"
 #include "ViewGrid.h"
@@ -218,7 +219,7 @@ TEST_F(PlayTest, ViewerKeysUnderXvfb) {
                       Quote(std::string(TQF_SOURCE_DIR) + "/tests/scripts/view_keys.sh") + " " + TOOL +
                       " " + Quote(DEMO));
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_EQ(Lines(r.out), 6) << r.out;
+  EXPECT_EQ(Lines(r.out), 9) << r.out;
 }
 
 // The grid of several sources: its layout arithmetic on its own, then the
@@ -266,6 +267,36 @@ TEST(ViewGridTest, PictureKeepsItsShapeCentredInTheTile) {
     const ViewRect r = FitPicture(c.tile, c.width, c.height);
     EXPECT_EQ(std::vector<int>({r.x, r.y, r.w, r.h}),
               std::vector<int>({c.fitted.x, c.fitted.y, c.fitted.w, c.fitted.h}));
+  }
+}
+
+// A tile shows the pictures of its window: a seek by frames skips those
+// before its target unless one carries the target's stamp first, and a
+// step shows the one picture it decoded for.
+TEST(PictureSlotTest, ShowsThePicturesOfItsWindow) {
+  struct Case {
+    const char* name;
+    void (*window)(PictureSlot& slot);
+    std::vector<uint32_t> shown;  // of pictures stamped 0, 40, 80, 120
+  } cases[] = {
+      {"all", [](PictureSlot& s) { s.ShowAll(); }, {0, 40, 80, 120}},
+      {"from the third", [](PictureSlot& s) { s.ShowFrom(2, 999); }, {80, 120}},
+      {"from the stamp, earlier", [](PictureSlot& s) { s.ShowFrom(3, 40); }, {40, 80, 120}},
+      {"the second alone", [](PictureSlot& s) { s.ShowOnly(1); }, {40}},
+  };
+  for (const Case& c : cases) {
+    PictureSlot slot(PictureSlot::UNPACED);
+    const uint8_t pixels[6] = {};
+    slot.Handle(&slot, Picture{pixels, 6, 2, 2, 7});  // before the window
+    slot.TakeFresh([](const uint8_t*, int32_t, int32_t) {});
+    c.window(slot);
+    std::vector<uint32_t> shown;
+    for (uint32_t stamp = 0; stamp <= 120; stamp += 40) {
+      slot.Handle(&slot, Picture{pixels, 6, 2, 2, stamp});
+      if (slot.TakeFresh([](const uint8_t*, int32_t, int32_t) {})) shown.push_back(slot.LastStamp());
+    }
+    EXPECT_EQ(shown, c.shown) << c.name;
+    EXPECT_EQ(slot.Pictures(), 5u) << c.name;
   }
 }
 

@@ -16,15 +16,12 @@ void PutU32(uint8_t* to, uint32_t value) {
   for (int i = 0; i < 4; ++i) to[i] = static_cast<uint8_t>(value >> (8 * i));
 }
 
-// Closes the stream player on every path.
-struct StreamHandle {
-  int32_t handle = -1;
-  ~StreamHandle() {
-    if (handle >= 0) TQ_CloseStream(handle);
-  }
-};
-
 }  // namespace
+
+void StreamHandle::Close() {
+  if (handle >= 0) TQ_CloseStream(handle);
+  handle = -1;
+}
 
 bool KeyFrameFeed::Open(const char* path, std::string* error) {
   if (!source_.Open(path, error)) return false;
@@ -43,7 +40,23 @@ bool KeyFrameFeed::KeyFrameAtOrBefore(uint32_t frame, uint32_t* key) const {
   return true;
 }
 
-bool KeyFrameFeed::StreamBytes(uint32_t frame, std::string* error) {
+bool KeyFrameFeed::OpenStream(const LibrarySession& session, int route, StreamHandle* stream,
+                              std::string* error) {
+  std::vector<uint8_t> header;
+  stream->Close();
+  if (!source_.HeaderBlock(&header) ||
+      TQ_OpenStream(header.data(), static_cast<uint32_t>(header.size()), &stream->handle) != 0) {
+    *error = "the library refused the file's header block";
+    return false;
+  }
+  if (session.Play(stream->handle, route) != 0) {
+    *error = "TQ_Play failed";
+    return false;
+  }
+  return true;
+}
+
+bool KeyFrameFeed::FeedFrame(const StreamHandle& stream, uint32_t frame, std::string* error) {
   TQFFrameHeader header;
   const uint8_t* payload;
   if (!source_.ReadFrame(TQF_STREAM_VIDEO, frame, &header, &payload)) {
@@ -61,49 +74,40 @@ bool KeyFrameFeed::StreamBytes(uint32_t frame, std::string* error) {
   PutU32(&bytes_[4], header.info);
   PutU32(&bytes_[8], header.stamp);
   std::memcpy(&bytes_[TQF_FRAME_HEAD_SIZE], payload, length);
-  return true;
-}
-
-bool KeyFrameFeed::Feed(int32_t handle, std::string* error) {
-  if (TQ_InputData(handle, bytes_.data(), static_cast<int32_t>(bytes_.size())) == 0) return true;
+  if (TQ_InputData(stream.handle, bytes_.data(), static_cast<int32_t>(bytes_.size())) == 0) return true;
   *error = "the library refused the stream's bytes";
   return false;
 }
 
-bool KeyFrameFeed::Play(const LibrarySession& session, PictureSink& sink,
+bool KeyFrameFeed::FlushHeld(const StreamHandle& stream, uint32_t frame, PictureCounter& counter,
+                             uint32_t count, std::string* error) {
+  for (uint32_t again = 0; !counter.WaitForPictures(count, HELD_PICTURE_WAIT); ++again) {
+    if (again == MAX_HELD_PICTURES) {
+      *error = "the decoder kept " + std::to_string(count - counter.Pictures()) + " pictures back";
+      return false;
+    }
+    if (!FeedFrame(stream, frame, error)) return false;
+  }
+  return true;
+}
+
+bool KeyFrameFeed::Play(const LibrarySession& session, int route, PictureCounter& counter,
                         const std::vector<uint32_t>& frames, std::chrono::seconds timeout,
                         std::string* error) {
-  std::vector<uint8_t> header;
   StreamHandle stream;
-  if (!source_.HeaderBlock(&header) ||
-      TQ_OpenStream(header.data(), static_cast<uint32_t>(header.size()), &stream.handle) != 0) {
-    *error = "the library refused the file's header block";
-    return false;
-  }
-  if (session.Play(stream.handle) != 0) {
-    *error = "TQ_Play failed";
-    return false;
-  }
+  if (!OpenStream(session, route, &stream, error)) return false;
   const uint32_t count = static_cast<uint32_t>(frames.size());
-  const uint32_t start = sink.Pictures();
+  const uint32_t start = counter.Pictures();
   for (uint32_t i = 0; i < count; ++i) {
     if (LibrarySession::Interrupted()) {
       *error = "interrupted";
       return false;
     }
-    if (i >= WINDOW_FRAMES && !sink.WaitForPictures(start + i + 1 - WINDOW_FRAMES, timeout)) {
+    if (i >= WINDOW_FRAMES && !counter.WaitForPictures(start + i + 1 - WINDOW_FRAMES, timeout)) {
       *error = "no picture for " + std::to_string(timeout.count()) + " s";
       return false;
     }
-    if (!StreamBytes(frames[i], error) || !Feed(stream.handle, error)) return false;
+    if (!FeedFrame(stream, frames[i], error)) return false;
   }
-  for (uint32_t again = 0; count > 0 && !sink.WaitForPictures(start + count, HELD_PICTURE_WAIT); ++again) {
-    if (again == MAX_HELD_PICTURES) {
-      *error = "the decoder gave " + std::to_string(sink.Pictures() - start) + " of " +
-               std::to_string(count) + " pictures";
-      return false;
-    }
-    if (!Feed(stream.handle, error)) return false;
-  }
-  return true;
+  return count == 0 || FlushHeld(stream, frames.back(), counter, start + count, error);
 }

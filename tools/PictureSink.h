@@ -15,6 +15,7 @@
 #include "FramePacer.h"
 #include "LibrarySession.h"
 #include "OutputFile.h"
+#include "PictureCounter.h"
 #include "Y4MWriter.h"
 
 struct PictureSinkOptions {
@@ -25,7 +26,7 @@ struct PictureSinkOptions {
   uint32_t maxPictures = 0;         // pictures past this many are ignored (0: none)
 };
 
-class PictureSink {
+class PictureSink : public PictureCounter {
  public:
   // Creates the Y4M file (a temporary one beside it, see OutputFile; never
   // over `input`) and the PNG folder now, so that an unwritable output fails
@@ -35,10 +36,8 @@ class PictureSink {
   // The LibrarySession handler; `context` is the PictureSink.
   static void Handle(void* context, const Picture& picture);
 
-  uint32_t Pictures() const { return pictures_.load(); }
-  // Waits until at least `count` pictures have arrived, or for `timeout`
-  // after the last picture (or the call) if none comes. True if they did.
-  bool WaitForPictures(uint32_t count, std::chrono::milliseconds timeout);
+  uint32_t Pictures() const override { return pictures_.load(); }
+  bool WaitForPictures(uint32_t count, std::chrono::milliseconds timeout) override;
   // The same, but also true once the picture of the frame stamped `lastStamp`
   // has arrived with at most `held` of the `count` missing: a decoder that
   // reorders (B-frames) keeps its last pictures until more data comes, and a

@@ -93,7 +93,7 @@ int PlayKeyFrames(PlayOptions& o) {
   if (!sink.Open(o.sink, o.path, &error)) return CommandError(NAME, "%s", error.c_str());
   LibrarySession session(PictureSink::Handle, &sink);
   const ProgressMeter progress;  // its clock times the summary
-  const bool played = feed.Play(session, sink, frames, std::chrono::seconds(o.timeout), &error);
+  const bool played = feed.Play(session, /*route=*/0, sink, frames, std::chrono::seconds(o.timeout), &error);
   if (!played && LibrarySession::Interrupted()) {
     CommandError(NAME, "interrupted");
     return LibrarySession::InterruptedExitCode();

@@ -236,7 +236,7 @@ int RunSnapshot(int argc, char** argv) {
   if (!writer.Open(&error)) return CommandError(NAME, "%s", error.c_str());
   LibrarySession session(SnapshotWriter::Handle, &writer);
   const bool played = plan.keyFramesOnly
-                          ? feed.Play(session, writer.Counter(), plan.frames, std::chrono::seconds(o.timeout), &error)
+                          ? feed.Play(session, /*route=*/0, writer.Counter(), plan.frames, std::chrono::seconds(o.timeout), &error)
                           : PlayFile(o, plan, writer, session, &error);
   if (!played && LibrarySession::Interrupted()) {
     CommandError(NAME, "interrupted");

@@ -4,8 +4,9 @@
 // Each source (ViewSource) has its own player, picture slot and route of the
 // session; the window (ViewWindow) takes the newest picture of each and
 // draws it. This file holds the options and the window's event loop. Keys:
-// space pauses and resumes every tile, left and right seek 10 seconds (file
-// tiles: the enlarged one, or all of them in the grid), 1 to 9 or a
+// space pauses and resumes every tile; on file tiles (the enlarged one, or
+// all of them in the grid) left and right seek 10 seconds, ] and [ double
+// and halve the speed, and . and , step a frame while paused; 1 to 9 or a
 // double-click enlarge a tile and Escape returns to the grid; q, Escape in
 // the grid or closing the window quits.
 //
@@ -90,6 +91,29 @@ int TileOfKey(SDL_Keycode key, size_t count) {
   return static_cast<size_t>(tile) < count ? tile : GRID;
 }
 
+// The keys that move a file tile, and what each does to one.
+struct TileKey {
+  SDL_Keycode key;
+  void (*act)(ViewSource& source);
+};
+constexpr TileKey TILE_KEYS[] = {
+    {SDLK_LEFT, [](ViewSource& s) { s.Seek(-SEEK_STEP_SECONDS); }},
+    {SDLK_RIGHT, [](ViewSource& s) { s.Seek(SEEK_STEP_SECONDS); }},
+    {SDLK_RIGHTBRACKET, [](ViewSource& s) { s.Faster(); }},
+    {SDLK_LEFTBRACKET, [](ViewSource& s) { s.Slower(); }},
+    {SDLK_PERIOD, [](ViewSource& s) { s.Step(1); }},
+    {SDLK_COMMA, [](ViewSource& s) { s.Step(-1); }},
+};
+
+// Acts on the enlarged tile, or on every tile in the grid.
+void ActOnTiles(const TileKey& tileKey, const Sources& sources, int enlarged) {
+  if (enlarged != GRID) {
+    tileKey.act(*sources[static_cast<size_t>(enlarged)]);
+    return;
+  }
+  for (const std::unique_ptr<ViewSource>& source : sources) tileKey.act(*source);
+}
+
 // One key or window event; false when it quits the viewer.
 bool HandleEvent(const SDL_Event& event, ViewWindow& window, const Sources& sources, int* enlarged) {
   if (event.type == SDL_QUIT) return false;
@@ -99,17 +123,16 @@ bool HandleEvent(const SDL_Event& event, ViewWindow& window, const Sources& sour
     *enlarged = *enlarged != GRID ? GRID : window.TileAt(event.button.x, event.button.y);
   if (event.type != SDL_KEYDOWN) return true;
   const SDL_Keycode key = event.key.keysym.sym;
-  const int step = key == SDLK_LEFT ? -SEEK_STEP_SECONDS : key == SDLK_RIGHT ? SEEK_STEP_SECONDS : 0;
+  const auto tileKey = std::find_if(std::begin(TILE_KEYS), std::end(TILE_KEYS),
+                                    [key](const TileKey& k) { return k.key == key; });
   if (key == SDLK_q) return false;
   if (key == SDLK_ESCAPE) {
     if (*enlarged == GRID) return false;
     *enlarged = GRID;
   } else if (key == SDLK_SPACE) {
     TogglePause(sources);
-  } else if (step != 0 && *enlarged != GRID) {
-    sources[static_cast<size_t>(*enlarged)]->Seek(step);
-  } else if (step != 0) {
-    for (const std::unique_ptr<ViewSource>& source : sources) source->Seek(step);
+  } else if (tileKey != std::end(TILE_KEYS)) {
+    ActOnTiles(*tileKey, sources, *enlarged);
   } else if (TileOfKey(key, sources.size()) != GRID) {
     *enlarged = TileOfKey(key, sources.size());
   }
@@ -247,9 +270,12 @@ extern const Command VIEW_COMMAND = {
     "  --autoexit       quit when every source has ended instead of keeping\n"
     "                   the last pictures\n"
     "\n"
-    "keys: space pause/resume all, left/right seek 10 s (files: the enlarged\n"
-    "tile, or all in the grid), 1-9 or a double-click enlarge a tile, Escape\n"
-    "back to the grid, q or Escape in the grid quit.\n"
+    "keys: space pause/resume all; on files (the enlarged tile, or all in the\n"
+    "grid) left/right seek 10 s, ] and [ step the speed through 1x, 2x, 4x, 8x\n"
+    "and 16x (up to 4x every frame shows, beyond that key frames only), and\n"
+    ". and , show the next and previous frame while paused; 1-9 or a\n"
+    "double-click enlarge a tile, Escape back to the grid, q or Escape in the\n"
+    "grid quit. A paused file's title tells the frame it shows.\n"
     "A paused live stream runs on behind the held picture; resuming shows it live.\n"
     "A window larger than the screen is scaled down to fit.\n"
     "\n"

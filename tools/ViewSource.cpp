@@ -24,7 +24,10 @@ constexpr std::chrono::milliseconds FIRST_BACKOFF{500};
 constexpr std::chrono::milliseconds MOST_BACKOFF{5000};
 // A channel that sends nothing for this long has dropped.
 constexpr std::chrono::seconds CHANNEL_SILENCE{5};
-constexpr std::chrono::seconds ONE_SECOND{1};
+constexpr int FRAMES_PER_SECOND = 1000 / TQF_FRAME_DURATION_MS;
+// The fastest speed that shows every frame, and the fastest of all.
+constexpr int EVERY_FRAME_SPEED = 4;
+constexpr int MOST_SPEED = 16;
 
 // "MM:SS" of `seconds`.
 std::string MinutesSeconds(uint32_t seconds) {
@@ -43,77 +46,14 @@ bool IsLivePath(const char* path) {
 
 }  // namespace
 
-void PictureSlot::Handle(void* context, const Picture& picture) {
-  static_cast<PictureSlot*>(context)->Store(picture);
-}
-
-void PictureSlot::Store(const Picture& picture) {
-  if (pace_) {
-    if (restartPacing_.exchange(false)) pacer_.Restart();
-    pacer_.Wait();
-  }
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (picture.width > 0 && picture.height > 0 &&
-        picture.size == picture.width * picture.height * 3 / 2) {
-      width_ = picture.width;
-      height_ = picture.height;
-      pixels_.assign(picture.data, picture.data + picture.size);
-      fresh_ = true;
-      hasPicture_ = true;
-    }
-    lastArrival_ = Clock::now();
-    arrivals_.push_back(lastArrival_);
-    while (lastArrival_ - arrivals_.front() > ONE_SECOND) arrivals_.pop_front();
-  }
-  stored_.notify_all();
-}
-
-bool PictureSlot::WaitForPicture(Clock::time_point deadline) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return stored_.wait_until(lock, deadline, [this] { return hasPicture_; });
-}
-
-bool PictureSlot::HasPicture() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return hasPicture_;
-}
-
-void PictureSlot::Forget() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  hasPicture_ = false;
-  arrivals_.clear();
-}
-
-int32_t PictureSlot::Width() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return width_;
-}
-
-int32_t PictureSlot::Height() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return height_;
-}
-
-int PictureSlot::PicturesLastSecond() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  const Clock::time_point now = Clock::now();
-  return static_cast<int>(std::count_if(arrivals_.begin(), arrivals_.end(),
-                                        [now](Clock::time_point t) { return now - t <= ONE_SECOND; }));
-}
-
-Clock::time_point PictureSlot::LastArrival() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return lastArrival_;
-}
-
 ViewSource::ViewSource(const char* path, bool live, LibrarySession& session)
     : path_(path),
       live_(live || IsLivePath(path)),
       reconnects_(IsChannelUrl(path)),
       session_(session),
-      slot_(/*pace=*/!live_),
-      route_(session.AddRoute(PictureSlot::Handle, &slot_)) {}
+      slot_(live_ ? PictureSlot::UNPACED : 1),
+      route_(session.AddRoute(PictureSlot::Handle, &slot_)),
+      trick_(session, route_, slot_) {}
 
 bool ViewSource::Open(uint32_t startSeconds, std::string* error) {
   if (live_) return OpenLive(error);
@@ -152,6 +92,7 @@ void ViewSource::Close() {
   }
   stopRequested_.notify_all();
   if (feederThread_.joinable()) feederThread_.join();
+  trick_.Stop();
   if (handle_ < 0) return;
   if (live_)
     TQ_CloseStream(handle_);
@@ -207,20 +148,44 @@ bool ViewSource::Backoff(std::chrono::milliseconds wait) {
 void ViewSource::Pause() {
   if (!Running()) return;
   paused_.store(true);
-  if (!live_) TQ_Stop(handle_);
+  if (live_) return;
+  OpenTrick();  // the title tells the frame shown
+  if (mode_ == Mode::KEY_FRAMES) {
+    mode_ = Mode::HELD;
+    heldFrame_ = trick_.Stop();
+  } else {
+    TQ_Stop(handle_);
+  }
 }
 
 void ViewSource::Resume() {
   if (Running()) return;
+  const bool ended = Ended();
   paused_.store(false);
   if (live_) return;
+  if (mode_ != Mode::PLAYER || speed_ > EVERY_FRAME_SPEED) {  // TrickPlay is open
+    PlayOnFrom(ended ? 0 : ShownFrame() + 1);
+    return;
+  }
+  // The player goes on from where it stopped, or from its start after its end.
   session_.ClearEnd(route_);
-  slot_.RestartPacing();
+  slot_.ShowAll();
+  slot_.SetPace(speed_);
   session_.Play(handle_, route_);
 }
 
 void ViewSource::Seek(int32_t step) {
   if (live_) return;
+  const int64_t frames = int64_t{step} * FRAMES_PER_SECOND;
+  if (paused_.load()) {
+    if (OpenTrick()) Hold(int64_t{ShownFrame()} + frames);
+    return;
+  }
+  if (mode_ == Mode::KEY_FRAMES) {
+    const int64_t from = int64_t{trick_.Stop()} + frames;
+    trick_.Run(static_cast<uint32_t>(std::clamp<int64_t>(from, 0, trick_.LastFrame())), speed_);
+    return;
+  }
   const bool ended = Ended();
   uint32_t position = 0;
   TQ_GetPlayTime(handle_, &position);
@@ -230,16 +195,93 @@ void ViewSource::Seek(int32_t step) {
   // A seek to the end may end the file before any picture of the new
   // position is shown: the title then shows where the seek went.
   lastPosition_ = static_cast<uint32_t>(target);
+  slot_.ShowAll();
   slot_.RestartPacing();
-  if (ended && !paused_.load()) {  // the file had stopped at its end
+  if (ended) {  // the file had stopped at its end
     session_.ClearEnd(route_);
     session_.Play(handle_, route_);
   }
 }
 
+void ViewSource::SetSpeed(int speed) {
+  speed = std::clamp(speed, 1, MOST_SPEED);
+  if (live_ || speed == speed_ || !OpenTrick()) return;
+  speed_ = speed;
+  if (!Running()) return;
+  const bool keyFrames = speed > EVERY_FRAME_SPEED;
+  if (mode_ == Mode::PLAYER && !keyFrames) {
+    slot_.SetPace(speed);
+  } else if (mode_ == Mode::KEY_FRAMES && keyFrames) {
+    trick_.SetSpeed(speed);
+  } else if (mode_ == Mode::PLAYER) {
+    TQ_Stop(handle_);
+    PlayOnFrom(ShownFrame() + 1);
+  } else {
+    PlayOnFrom(trick_.Stop() + 1);
+  }
+}
+
+void ViewSource::Step(int32_t frames) {
+  if (!live_ && !Running() && OpenTrick()) Hold(int64_t{ShownFrame()} + frames);
+}
+
+bool ViewSource::OpenTrick() {
+  std::string error;
+  if (trick_.Open(path_, &error)) return true;
+  CommandError("view", "%s: no fast forward or frame steps: %s", path_, error.c_str());
+  return false;
+}
+
+uint32_t ViewSource::ShownFrame() {
+  if (mode_ == Mode::HELD) return heldFrame_;
+  if (mode_ == Mode::KEY_FRAMES) return trick_.Fed();
+  const uint32_t near = std::min(Position() * FRAMES_PER_SECOND, trick_.LastFrame());
+  return trick_.FrameOfStamp(slot_.LastStamp(), near);
+}
+
+void ViewSource::PlayOnFrom(uint32_t frame) {
+  if (speed_ > EVERY_FRAME_SPEED) {
+    mode_ = Mode::KEY_FRAMES;
+    trick_.Run(frame, speed_);
+  } else {
+    PlayFileFrom(frame);
+  }
+}
+
+// A seek to second S shows frame 25 S + 1 first (the frame at S is decoded
+// silently), so the frames of that second before `frame` are skipped; a
+// seek onto the player's own position shows that frame itself, which its
+// stamp gives away.
+void ViewSource::PlayFileFrom(uint32_t frame) {
+  mode_ = Mode::PLAYER;
+  frame = std::min(frame, trick_.LastFrame());
+  const uint32_t second = frame > 0 ? (frame - 1) / FRAMES_PER_SECOND : 0;
+  const uint32_t firstShown = second * FRAMES_PER_SECOND + 1;
+  slot_.ShowFrom(frame > firstShown ? frame - firstShown : 0, trick_.Stamp(frame));
+  slot_.SetPace(speed_);
+  session_.ClearEnd(route_);
+  TQ_SetPlayTime(handle_, static_cast<int32_t>(second));
+  session_.Play(handle_, route_);
+}
+
+void ViewSource::Hold(int64_t frame) {
+  const uint32_t target = static_cast<uint32_t>(
+      std::clamp<int64_t>(frame, trick_.FirstKeyFrame(), trick_.LastFrame()));
+  if (mode_ == Mode::KEY_FRAMES) trick_.Stop();
+  paused_.store(true);
+  std::string error;
+  if (!trick_.Show(target, &error)) {
+    CommandError("view", "%s: frame %u: %s", path_, target, error.c_str());
+    return;
+  }
+  mode_ = Mode::HELD;
+  heldFrame_ = target;
+}
+
 bool ViewSource::Ended() const {
-  if (!live_) return session_.FileEnded(route_);
-  return feedDone_.load() && Clock::now() - slot_.LastArrival() > STREAM_DRAIN_TIME;
+  if (live_) return feedDone_.load() && Clock::now() - slot_.LastArrival() > STREAM_DRAIN_TIME;
+  if (mode_ == Mode::KEY_FRAMES) return trick_.Ended();
+  return mode_ == Mode::PLAYER && session_.FileEnded(route_);
 }
 
 // The file's position; after the end, the last one it played (the player
@@ -247,6 +289,7 @@ bool ViewSource::Ended() const {
 // flag, which the player sets before it rewinds, so a position read after
 // the rewind always meets the flag set.
 uint32_t ViewSource::Position() {
+  if (mode_ != Mode::PLAYER) return ShownFrame() * TQF_FRAME_DURATION_MS / 1000;
   uint32_t position = 0;
   TQ_GetPlayTime(handle_, &position);
   if (!session_.FileEnded(route_)) lastPosition_ = position;
@@ -259,8 +302,10 @@ std::string ViewSource::Title() {
     const uint32_t fed = framesFed_.load() * TQF_FRAME_DURATION_MS / 1000;
     return std::string(path_) + " - live " + MinutesSeconds(fed) + state;
   }
-  const uint32_t position = Position();
-  return std::string(path_) + " - " + MinutesSeconds(position) + " / " + MinutesSeconds(length_) + state;
+  std::string title = std::string(path_) + " - " + MinutesSeconds(Position()) + " / " + MinutesSeconds(length_);
+  if (speed_ != 1) title += " " + std::to_string(speed_) + "x";
+  if (paused_.load() && trick_.Ready()) title += " frame " + std::to_string(ShownFrame());
+  return title + state;
 }
 
 std::string ViewSource::Name() const {
@@ -275,5 +320,6 @@ std::string ViewSource::Status() {
   if (!slot_.HasPicture()) return "waiting for a key frame";
   const std::string rate = std::to_string(slot_.PicturesLastSecond()) + " fps";
   if (live_) return "connected " + rate;
-  return MinutesSeconds(Position()) + " / " + MinutesSeconds(length_) + " " + rate;
+  const std::string speed = speed_ != 1 ? " " + std::to_string(speed_) + "x" : "";
+  return MinutesSeconds(Position()) + " / " + MinutesSeconds(length_) + " " + rate + speed;
 }

@@ -1,7 +1,7 @@
 // ViewSource: one source of `tqfplay view` and what its tile shows.
 //
 // A source is a TQF file, played by the library's file player and paced at
-// 25 pictures a second in its callback; or a live source, read by a
+// 25 pictures a second in its callback (or 2 or 4 times that); or a live source, read by a
 // StreamFeeder on a feeder thread of its own and fed in real time to a
 // stream player through TQ_InputData: a file fed as a stream (--stream), a
 // pipe ("-", a FIFO) or a camera server's channel (tcp:// or http://). A
@@ -9,76 +9,30 @@
 // after 0.5 s, then twice as long each time up to 5 s; the tile says
 // "reconnecting" meanwhile. Files and pipes end.
 //
+// A file also fast-forwards at 2x to 16x and steps by frames while paused:
+// up to 4x the file player shows every frame, paced faster; beyond that, and
+// for a step, the tool feeds frames it picks to a stream player (TrickPlay).
+// The file then plays on from the frame shown, the file player skipping the
+// pictures of its seek (whole seconds) before that frame.
+//
 // Each source has its own picture slot on its own route of the session: the
 // library's thread stores the newest picture there, the window's thread
-// takes it. Every method but the slot's Store is for the window's thread.
+// takes it. Every method is for the window's thread.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "FramePacer.h"
 #include "LibrarySession.h"
+#include "PictureSlot.h"
 #include "StreamFeeder.h"
-
-// The newest picture of one source, handed from the library's thread to the
-// window's, and when the pictures came.
-class PictureSlot {
- public:
-  explicit PictureSlot(bool pace) : pace_(pace) {}
-
-  // The LibrarySession handler; `context` is the PictureSlot.
-  static void Handle(void* context, const Picture& picture);
-
-  // Waits for a picture since the last Forget; false if none comes by `deadline`.
-  bool WaitForPicture(std::chrono::steady_clock::time_point deadline);
-  // Whether a picture came since the last Forget.
-  bool HasPicture() const;
-  // Forgets that pictures came: a dropped connection shows none until the
-  // next one's first key frame.
-  void Forget();
-  // Hands a picture that arrived since the last call to `upload(pixels,
-  // width, height)` (planar I420, valid during the call); false if none did.
-  template <typename Upload>
-  bool TakeFresh(Upload upload) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (!fresh_) return false;
-    fresh_ = false;
-    upload(pixels_.data(), width_, height_);
-    return true;
-  }
-  // The size of the last picture; 0 before any.
-  int32_t Width() const;
-  int32_t Height() const;
-  // Pictures that arrived in the last second.
-  int PicturesLastSecond() const;
-  std::chrono::steady_clock::time_point LastArrival() const;
-  void RestartPacing() { restartPacing_.store(true); }
-
- private:
-  void Store(const Picture& picture);
-
-  const bool pace_;
-  FramePacer pacer_;  // the library's thread only
-  std::atomic<bool> restartPacing_{false};
-  mutable std::mutex mutex_;
-  std::condition_variable stored_;
-  std::vector<uint8_t> pixels_;
-  int32_t width_ = 0;
-  int32_t height_ = 0;
-  bool fresh_ = false;
-  bool hasPicture_ = false;
-  std::chrono::steady_clock::time_point lastArrival_;
-  std::deque<std::chrono::steady_clock::time_point> arrivals_;  // within a second of the newest
-};
+#include "TrickPlay.h"
 
 class ViewSource {
  public:
@@ -109,14 +63,29 @@ class ViewSource {
   void Pause();
   void Resume();
   bool Paused() const { return paused_.load(); }
+  // A paused live tile holds its picture while the stream runs on behind
+  // it; a paused file shows what its steps and seeks decode.
+  bool HoldsPicture() const { return live_ && Paused(); }
   // Not paused and not ended.
   bool Running() const { return !Paused() && !Ended(); }
-  // Seeks a file by `step` seconds (a live source has no position to move).
+  // Seeks a file by `step` seconds (a live source has no position to move);
+  // a paused file shows the frame it seeks to.
   void Seek(int32_t step);
+  // Doubles or halves a file's speed, from 1x to 16x: up to 4x every frame
+  // is shown, beyond that key frames alone. A paused file takes the speed
+  // when it resumes.
+  void Faster() { SetSpeed(speed_ * 2); }
+  void Slower() { SetSpeed(speed_ / 2); }
+  int Speed() const { return speed_; }
+  // Shows the file's frame `frames` after (or before) the one shown, while
+  // it is paused or ended, and holds it.
+  void Step(int32_t frames);
   // The file played its last frame, or the live source's bytes are all shown.
   bool Ended() const;
   // The window's title for this source alone: "PATH - 00:03 / 00:10",
-  // "PATH - live 00:07", with " (paused)" or " (end)".
+  // "PATH - live 00:07", then the speed when it is not 1x (" 8x") and
+  // " (end)", or when paused the frame shown and " (paused)":
+  // "PATH - 00:05 / 00:10 frame 126 (paused)".
   std::string Title();
   // The tile's caption under its name: "paused", "ended", "reconnecting",
   // "waiting for a key frame", or the pictures of the last second
@@ -135,6 +104,21 @@ class ViewSource {
   bool Backoff(std::chrono::milliseconds wait);
   uint32_t Position();
 
+  // How a file shows its pictures: its player plays; a run of key frames
+  // plays (beyond 4x); or one frame is held, decoded on its own (a step).
+  enum class Mode { PLAYER, KEY_FRAMES, HELD };
+  // Maps and indexes the file for TrickPlay at its first use; false after
+  // telling the user why it cannot be.
+  bool OpenTrick();
+  void SetSpeed(int speed);
+  // The frame whose picture the tile shows.
+  uint32_t ShownFrame();
+  // Plays on from `frame` at the speed: the file player, or a run of key frames.
+  void PlayOnFrom(uint32_t frame);
+  void PlayFileFrom(uint32_t frame);
+  // Shows `frame` (clamped into the file) alone, paused.
+  void Hold(int64_t frame);
+
   const char* const path_;
   const bool live_;
   const bool reconnects_;
@@ -145,6 +129,10 @@ class ViewSource {
   uint32_t length_ = 0;
   uint32_t lastPosition_ = 0;
   std::atomic<bool> paused_{false};
+  TrickPlay trick_;
+  Mode mode_ = Mode::PLAYER;
+  int speed_ = 1;
+  uint32_t heldFrame_ = 0;
   std::unique_ptr<StreamFeeder> feeder_;
   std::thread feederThread_;
   std::atomic<bool> stop_{false};  // set under stopMutex_, for stopRequested_

@@ -98,7 +98,7 @@ bool ViewWindow::Refresh(const std::vector<std::unique_ptr<ViewSource>>& sources
                          std::string* error) {
   for (size_t i = 0; i < tiles_.size(); ++i) {
     ViewSource& source = *sources[i];
-    if (!source.Paused() && !Upload(source, tiles_[i], error)) return false;
+    if (!source.HoldsPicture() && !Upload(source, tiles_[i], error)) return false;
     if (tiles_.size() == 1) continue;  // the title tells a lone source's status
     const std::string caption[2] = {source.Name(), source.Status()};
     for (int line = 0; line < 2; ++line) {

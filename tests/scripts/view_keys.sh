@@ -50,6 +50,40 @@ echo "right seeks 10 s, and the end shows the last position"
 quits q
 echo "q quits"
 
+# Steps: the picture a step forward and back returns to is the paused one.
+frame() { title | sed -n 's/.* frame \([0-9]*\) (paused)$/\1/p'; }
+start "$file"
+wait_title "00:0[1-7] / 00:10$"
+key space
+wait_title "frame [0-9]+ \(paused\)$"
+still "still picture before stepping"
+paused=$(shot) n=$(frame)
+key period
+wait_title "frame $((n + 1)) \(paused\)$"
+until_true "a new picture after ." '[ "$(shot)" != "$paused" ]'
+key comma
+wait_title "frame $n \(paused\)$"
+until_true "the paused picture after , again" '[ "$(shot)" = "$paused" ]'
+echo ". and , step a paused file by one frame"
+# 8x shows key frames alone: the run ends on the last key frame, 8 s in,
+# where the file player ends at 10 s.
+key bracketright; key bracketright; key bracketright
+wait_title " 8x frame $n \(paused\)$"
+key Left
+wait_title "00:00 / 00:10 8x frame 0 \(paused\)$"
+key space
+wait_title "00:08 / 00:10 8x \(end\)$"
+echo "] speeds up to 8x, which shows key frames to the last"
+# 4x plays the whole file again in 2.5 s, where 1x takes 10 s.
+key bracketleft
+wait_title " 4x \(end\)$"
+began=$(date +%s)
+key space
+wait_title "00:(09|10) / 00:10 4x \(end\)$"
+[ $(($(date +%s) - began)) -le 7 ] || fail "4x took $(($(date +%s) - began)) s for 10 s"
+echo "[ slows down to 4x, which plays every frame 4 times as fast"
+quits q
+
 start --stream "$file"
 wait_title "live 00:0[1-7]$"
 key space
