@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "OSTime.h"
 #include "PlayerManager.h"
 #include "StreamPlayer.h"
@@ -119,22 +120,6 @@ void Latency() {
   manager.CloseStream(h);
 }
 
-long RssKiB() {
-  FILE* f = fopen("/proc/self/status", "r");
-  char line[256];
-  long kib = 0;
-  while (f && fgets(line, sizeof line, f))
-    if (sscanf(line, "VmRSS: %ld", &kib) == 1) break;
-  if (f) fclose(f);
-  return kib;
-}
-
-double CpuSeconds() {
-  rusage u;
-  getrusage(RUSAGE_SELF, &u);
-  return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
-
 // Voluntary context switches of all the process's threads: each is a wait
 // that blocked, so a thread that wakes and sleeps again adds one.
 long WakeUps() {
@@ -158,7 +143,7 @@ void IdleCost() {
   constexpr int STREAMS = 256;
   PlayerManager manager;
   const Bytes header = VideoHeader("H264", 704, 576);
-  const long rssBefore = RssKiB();
+  const long rssBefore = ResidentKiB();
   std::vector<int32_t> handles;
   for (int i = 0; i < STREAMS; ++i) {
     int32_t h = -1;
@@ -166,7 +151,7 @@ void IdleCost() {
     manager.Play(h, nullptr, 0);
     handles.push_back(h);
   }
-  const long rssOpen = RssKiB();
+  const long rssOpen = ResidentKiB();
   Sleep(200);
   const long wakeUps0 = WakeUps();  // counted outside the timed span: reading them costs
   const double cpu0 = CpuSeconds();

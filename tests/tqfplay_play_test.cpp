@@ -369,7 +369,7 @@ TEST_F(ViewerGridTest, FourSourcesShowUnderXvfb) {
                       Quote(out) + " " + Quote(DEMO) + " " + Quote(files[0]) + " " + Quote(files[1]) + " " +
                       Quote(files[2]));
   ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_EQ(Lines(r.out), 6) << r.out;
+  EXPECT_EQ(Lines(r.out), 7) << r.out;
   for (const char* grid : {"grid.png", "restored.png", "snapshot.png"})
     EXPECT_EQ(Quadrants(LoadShot(folder_, out + grid)), "xrgb") << grid;
   const std::vector<uint8_t> enlarged = LoadShot(folder_, out + "enlarged.png");

@@ -68,9 +68,16 @@ bool ViewSource::Open(uint32_t startSeconds, std::string* error) {
   return true;
 }
 
+// A channel that cannot be reached at start is a tile that reconnects, as
+// one that drops later is; any other live source must open.
 bool ViewSource::OpenLive(std::string* error) {
-  if (!Connect(error)) return false;
-  feederThread_ = std::thread(&ViewSource::FeedLive, this);
+  const bool connected = Connect(error);
+  if (!connected && !reconnects_) return false;
+  if (!connected) {
+    CommandError("view", "%s: %s; reconnecting", path_, error->c_str());
+    reconnecting_.store(true);
+  }
+  feederThread_ = std::thread(&ViewSource::FeedLive, this, connected);
   return true;
 }
 
@@ -101,18 +108,20 @@ void ViewSource::Close() {
   handle_ = -1;
 }
 
-void ViewSource::FeedLive() {
+void ViewSource::FeedLive(bool connected) {
   std::chrono::milliseconds backoff = FIRST_BACKOFF;
-  FeedConnection();
+  if (connected) FeedConnection();
   // A Ctrl-C ends the reads of a channel too: that is no drop.
   while (reconnects_ && !stop_.load() && !LibrarySession::Interrupted()) {
-    TQ_CloseStream(handle_);
-    handle_ = -1;
-    slot_.Forget();
-    reconnecting_.store(true);
-    const std::string& reason = feeder_->EndReason();
-    CommandError("view", "%s: the connection ended%s%s; reconnecting", path_,
-                 reason.empty() ? "" : ": ", reason.c_str());
+    if (handle_ >= 0) {
+      TQ_CloseStream(handle_);
+      handle_ = -1;
+      slot_.Forget();
+      reconnecting_.store(true);
+      const std::string& reason = feeder_->EndReason();
+      CommandError("view", "%s: the connection ended%s%s; reconnecting", path_,
+                   reason.empty() ? "" : ": ", reason.c_str());
+    }
     std::string error;
     while (Backoff(backoff) && !Connect(&error)) backoff = std::min(backoff * 2, MOST_BACKOFF);
     if (handle_ < 0) break;  // closed while reconnecting

@@ -5,9 +5,9 @@
 // StreamFeeder on a feeder thread of its own and fed in real time to a
 // stream player through TQ_InputData: a file fed as a stream (--stream), a
 // pipe ("-", a FIFO) or a camera server's channel (tcp:// or http://). A
-// channel whose connection drops is connected again by the feeder thread,
-// after 0.5 s, then twice as long each time up to 5 s; the tile says
-// "reconnecting" meanwhile. Files and pipes end.
+// channel that is down at the start, or whose connection drops, is
+// connected by the feeder thread after 0.5 s, then twice as long each time
+// up to 5 s; the tile says "reconnecting" meanwhile. Files and pipes end.
 //
 // A file also fast-forwards at 2x to 16x and steps by frames while paused:
 // up to 4x the file player shows every frame, paced faster; beyond that, and
@@ -96,9 +96,9 @@ class ViewSource {
   bool OpenLive(std::string* error);
   // Opens the feeder on path_ and a stream player on its header, and plays it.
   bool Connect(std::string* error);
-  // The feeder thread: feeds each connection to its end, then reconnects a
-  // channel or ends.
-  void FeedLive();
+  // The feeder thread: feeds each connection to its end (the first when
+  // `connected`), then reconnects a channel or ends.
+  void FeedLive(bool connected);
   void FeedConnection();
   // Waits `wait` or until Close; false on Close.
   bool Backoff(std::chrono::milliseconds wait);

@@ -4,8 +4,9 @@
 # files first), then takes screenshots of its window into OUT: grid.png with every tile
 # showing, enlarged.png after key 2, restored.png after Escape; q quits and the viewer
 # writes OUT/snapshot.png. Prints a line per step passed; exits 1 with the reason at
-# the first failure. Between the two, the server stops and starts again on its port: the
-# cameras' tiles must reconnect by themselves. Each wait is bounded.
+# the first failure. The server is down when the viewer starts, and later stops and
+# starts again on its port: the cameras' tiles must connect by themselves each time.
+# Each wait is bounded.
 set -eu
 tool=$1 out=$2 file1=$3 file2=$4 pid= server= win=
 
@@ -36,13 +37,22 @@ server=$!
 until_true "second channel" 'grep -q "channel 2 " "$out/serve.log"'
 port=$(sed -n 's|.*on tcp://127.0.0.1:\([0-9]*\)/1$|\1|p' "$out/serve.log")
 [ -n "$port" ] || fail "no port in: $(cat "$out/serve.log")"
+serve() {
+  timeout 120 "$tool" serve "$5" "$6" --port "$port" --bind 127.0.0.1 2>>"$out/serve.log" &
+  server=$!
+}
+kill "$server"
+wait "$server" || true
 
 TQFPLAY_VIEW_SNAPSHOT=$out/snapshot.png timeout 120 "$tool" view "$file1" "$file2" \
-  "tcp://127.0.0.1:$port/1" "tcp://127.0.0.1:$port/2" &
+  "tcp://127.0.0.1:$port/1" "tcp://127.0.0.1:$port/2" 2>"$out/view.log" &
 pid=$!
 until_true window 'win=$(xdotool search --name "4 sources" | head -n 1); [ -n "$win" ]'
 timeout 30 xdotool windowfocus --sync "$win" || fail "the window never took the focus"
+wait_title "4 sources, 2 showing$"
+serve "$@"
 wait_title "4 sources, 4 showing$"
+echo "cameras down at the start show once the server is up"
 grab "$out/grid.png"
 echo "four tiles show pictures"
 xdotool key --clearmodifiers 2
@@ -57,8 +67,7 @@ echo "Escape restores the grid"
 kill "$server"
 wait_title "4 sources, 2 showing$"
 echo "the cameras' tiles lose their pictures when the server stops"
-timeout 120 "$tool" serve "$5" "$6" --port "$port" --bind 127.0.0.1 2>>"$out/serve.log" &
-server=$!
+serve "$@"
 wait_title "4 sources, 4 showing$"
 echo "and show them again when it is back"
 xdotool key --clearmodifiers q
